@@ -1,0 +1,78 @@
+// Utilities: text, hexadecimal dumps, numbers, shell commands, files.
+//
+// White space is the six bytes blank, \t, \n, \v, \f and \r, whatever the locale.
+//
+// Threads: no function keeps state; all may run on many threads at once, as long as two threads do not
+// change the same buffer.
+#ifndef QUILLCORE_UTILITY_H
+#define QUILLCORE_UTILITY_H
+
+#include <quillcore/api.h>
+#include <stdint.h>
+
+QN_BEGIN_DECLS
+
+// Finds the first byte of `text` that is not white space; the text is not changed.
+// Returns a pointer into `text`, to its terminator if there is no such byte; null for null.
+QN_API char* qn_utils_ltrim(char* text);
+
+// Overwrites the white space at the end of `text` with NUL bytes. Returns `text`; null for null.
+QN_API char* qn_utils_rtrim(char* text);
+
+// qn_utils_ltrim(), then qn_utils_rtrim() on its result. No byte is moved: the result points into
+// `text`, so the caller keeps its own pointer to a heap block. Null for null.
+QN_API char* qn_utils_trim(char* text);
+
+// Logs `length` bytes as lines of hexadecimal elements, level D: a start line (607), nine elements on
+// the first line and eight on later ones (608), the rest (609), an end line (610). With `capped` not 0
+// at most 32 bytes are shown. Null bytes count as length 0.
+QN_API void qn_utils_dump_hex(const void* bytes, uint32_t length, int32_t capped);
+
+// Reads a whole text as a number in `base` (2 to 36, or 0 to detect a 0x or 0 prefix), as strtol() does,
+// with a limit of 32 bits on every target: a value beyond it gives INT32_MAX or INT32_MIN.
+// Returns 0 for a text with a tail, an empty or null text and an invalid base.
+QN_API int32_t qn_str2num(const char* text, int32_t base);
+
+// Runs a command line through /bin/sh and waits for it, without a time limit. The child inherits the
+// environment and every descriptor that is not close-on-exec.
+// Returns 0 when the shell ended by itself, whatever its exit status, also that of a command that does
+// not exist; -1 when it was killed, could not be started or waited for, or `cmd` is null.
+QN_API int32_t qn_os_exec_cmd(const char* cmd);
+
+// qn_os_exec_cmd() of a formatted command line of at most 511 bytes.
+// Returns -1 without running anything when the text does not fit (logged, 613).
+QN_API int32_t qn_os_exec_vcmd(const char* fmt, ...) QN_PRINTF(1, 2);
+
+// Runs a command line through the shell and collects what it prints, line ends included, up to size - 1
+// bytes and a terminator. Further output is not read, and a command that prints nothing leaves `output`
+// as it was.
+// Returns 0, whatever the command's exit status; -1 when it could not be started (logged, 4140), `cmd`
+// or `output` is null or `size` is not above 0.
+QN_API int32_t qn_os_exec_cmd_and_read_output(const char* cmd, char* output, int32_t size);
+
+// Reads the second field of each line of the file at `path` that matches the awk expression `key`;
+// `separator` is awk's -F. The values of several lines come joined; the value is not trimmed. The three
+// texts go to the shell as they are and must hold nothing that shell or awk would read differently.
+// Returns 0 when at least one byte was read, else -1 (logged, 4141 to 4143); -1 too for a null argument
+// or a `size` not above 0.
+QN_API int32_t qn_os_read_value_by_key_from_file(const char* path, const char* key, const char* separator,
+                                                 char* value, int32_t size);
+
+// Makes the run-time directories /tmp/quillnet/log/ and /tmp/quillnet/ where they are missing.
+// Returns as qn_os_exec_cmd(), which does not tell whether they could be made.
+QN_API int32_t qn_init_dir(void);
+
+// Returns 1 when `path`, a file of any kind, exists behind its symbolic links; else 0, also for null.
+QN_API int32_t qn_file_is_exist(const char* path);
+
+// Returns 1 when the file's modification time is later than `mtime`, in whole seconds since the epoch;
+// else 0, also for null and when the file cannot be asked.
+QN_API int32_t qn_file_is_modified(const char* path, int64_t mtime);
+
+// Returns the file's modification time in whole seconds since the epoch; 0 for null and when the file
+// cannot be asked.
+QN_API int64_t qn_file_get_last_mtime(const char* path);
+
+QN_END_DECLS
+
+#endif  // QUILLCORE_UTILITY_H

@@ -1,0 +1,145 @@
+// The log entries: gates first, then the line, then the sink.
+#include <quillcore/log.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+
+#include "core/log.h"
+#include "core/log_gate.h"
+
+namespace qn {
+namespace {
+
+constinit std::atomic<qn_log_t*> g_singleton{nullptr};
+
+// Results of a record that a gate stopped.
+constexpr int32_t kStoppedByPermission = 0;
+constexpr int32_t kStoppedByTrace = 1;
+
+constexpr int32_t stopped(uint32_t level) {
+  return level == QN_LOG_T ? kStoppedByTrace : kStoppedByPermission;
+}
+
+uint32_t gate_of(const qn_log_t* log) { return log != nullptr ? log_gate_of_role(log->role) : kGateOpen; }
+
+uint32_t role_of(const qn_log_t* log) { return log != nullptr ? log->role : 0; }
+
+__attribute__((format(printf, 3, 0))) int32_t write_record(qn_log_t* log, const LogRecord& record,
+                                                           const char* fmt, va_list args) {
+  char line[kLogLineSize];
+  qn_log_line_build(line, record, fmt, args);
+  return qn_log_write_line(log, record.level, line);
+}
+
+__attribute__((format(printf, 4, 0))) int32_t gated_write(uint32_t word, qn_log_t* log,
+                                                          const LogRecord& record, const char* fmt,
+                                                          va_list args) {
+  if (!log_gate_permits(word, role_of(log), record.level, record.logid, record.biz_name)) {
+    return stopped(record.level);
+  }
+  return write_record(log, record, fmt, args);
+}
+
+__attribute__((format(printf, 2, 0))) void print_record(const LogRecord& record, const char* fmt,
+                                                        va_list args) {
+  write_record(nullptr, record, fmt, args);
+}
+
+}  // namespace
+
+qn_log_t* qn_log_singleton_get() { return g_singleton.load(std::memory_order_acquire); }
+
+void log_singleton_set(qn_log_t* log) { g_singleton.store(log, std::memory_order_release); }
+
+int32_t qn_log_write_line(qn_log_t* log, uint32_t level, const char* line) {
+  if (log == nullptr) return fputs(line, stderr);
+  if (log->local_writer == nullptr) return 0;
+  return log->local_writer->write(log, level, line, strnlen(line, kLogLineSize - 1));
+}
+
+}  // namespace qn
+
+using qn::LogRecord;
+
+int32_t qn_log_core_adpater(uint32_t level, uint32_t logid, const char* module, uint8_t newline,
+                            uint8_t header, const char* biz_name, const char* fmt, ...) {
+  const uint32_t word = qn::log_gate_current();
+  if ((word & qn::gate_bit(level)) == 0) return qn::stopped(level);
+
+  const LogRecord record = {level, logid, module, newline != 0, header != 0, biz_name, nullptr};
+  va_list args;
+  va_start(args, fmt);
+  const int32_t result = qn::gated_write(word, qn::qn_log_singleton_get(), record, fmt, args);
+  va_end(args);
+  return result;
+}
+
+int32_t qn_log_vcore(uint32_t level, qn_log_t* log, uint32_t logid, const char* module, uint8_t newline,
+                     uint8_t header, const char* biz_name, const char* fmt, va_list args) {
+  const LogRecord record = {level, logid, module, newline != 0, header != 0, biz_name, nullptr};
+  return qn::gated_write(qn::gate_of(log), log, record, fmt, args);
+}
+
+int32_t qn_log_core(uint32_t level, qn_log_t* log, uint32_t logid, const char* module, uint8_t newline,
+                    const char* biz_name, const char* fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  const int32_t result = qn_log_vcore(level, log, logid, module, newline, 1, biz_name, fmt, args);
+  va_end(args);
+  return result;
+}
+
+void qn_log_console_impl(uint32_t level, uint32_t logid, const char* module, uint8_t newline,
+                         const char* biz_name, const char* fmt, ...) {
+  if (level > QN_LOG_F) return;
+  const uint32_t word = qn::log_gate_current();
+  if ((word & qn::kGateConsole) == 0) return;
+  const uint32_t role = qn::role_of(qn::qn_log_singleton_get());
+  if (!qn::log_gate_permits(word, role, level, logid, biz_name)) return;
+
+  const LogRecord record = {level, logid, module, newline != 0, true, biz_name, nullptr};
+  va_list args;
+  va_start(args, fmt);
+  qn::print_record(record, fmt, args);
+  va_end(args);
+}
+
+void qn_log_println(uint32_t level, uint32_t logid, const char* module, const char* biz_name,
+                    const char* fmt, ...) {
+  if (level > QN_LOG_F) return;
+  const LogRecord record = {level, logid, module, true, true, biz_name, nullptr};
+  va_list args;
+  va_start(args, fmt);
+  qn::print_record(record, fmt, args);
+  va_end(args);
+}
+
+void qn_log_fault_vimpl(qn_log_t* log, uint32_t logid, const char* fault, const char* module,
+                        uint8_t newline, const char* biz_name, const char* fmt, va_list args) {
+  const LogRecord record = {QN_LOG_F, logid, module, newline != 0, true, biz_name, fault};
+  qn::write_record(log, record, fmt, args);
+}
+
+void qn_log_fault_impl(qn_log_t* log, uint32_t logid, const char* fault, const char* module,
+                       uint8_t newline, const char* biz_name, const char* fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  qn_log_fault_vimpl(log, logid, fault, module, newline, biz_name, fmt, args);
+  va_end(args);
+}
+
+void qn_log_fault_adpater(uint32_t logid, const char* fault, const char* module, uint8_t newline,
+                          const char* biz_name, const char* fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  qn_log_fault_vimpl(qn::qn_log_singleton_get(), logid, fault, module, newline, biz_name, fmt, args);
+  va_end(args);
+}
+
+int32_t qn_log_dump_macaddr_adpater(uint32_t level, uint32_t logid, const char* module, uint8_t newline,
+                                    const char* biz_name, const char* name, const uint8_t* mac) {
+  return qn_log_core(level, qn::qn_log_singleton_get(), logid, module, newline, biz_name,
+                     "%s=%02hhX:%02hhX:**:**:%02hhX:%02hhX.", name != nullptr ? name : "MAC", mac[0],
+                     mac[1], mac[4], mac[5]);
+}

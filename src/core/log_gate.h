@@ -1,0 +1,75 @@
+// Gate words: who may log what, folded into one word for each role.
+//
+// The permission maps of the log system are the truth. Whoever changes them derives the words anew and
+// stores them here, so that a gate costs one load and one compare; this file knows nothing of the maps.
+//
+// Three states: without an instance the current word lets everything pass; with an instance but without
+// maps only levels 1 and 6 pass and the console is closed; with both, the word is what make_gate() gives.
+#ifndef QN_CORE_LOG_GATE_H
+#define QN_CORE_LOG_GATE_H
+
+#include <quillcore/log.h>
+
+#include <atomic>
+#include <cstdint>
+
+namespace qn {
+
+constexpr uint32_t kRoleCount = 11;
+
+// Bits of a gate word. Bit L, for L of 2 to 5, says that a record of level L may pass; where single
+// switches are on all four are set, and what decides is bit kStrictShift + L and the switches.
+constexpr uint32_t kGateAlways = 1u << 0;  // set in every word: levels that no gate is asked about
+constexpr uint32_t kGateTrace = 1u << 7;
+constexpr uint32_t kGateConsole = 1u << 8;
+constexpr uint32_t kGateSingles = 1u << 9;
+constexpr uint32_t kGateStrictShift = 16;
+constexpr uint32_t kGateLevels = 0x3Cu;
+
+constexpr uint32_t kGateOpen = kGateAlways | kGateLevels | kGateTrace | kGateConsole;
+constexpr uint32_t kGateNoMaps = kGateAlways;
+
+// The word of a role whose level value reads as `level_row` (0 to 6): levels 2 up to that row pass while
+// the global switch is on. `singles` says that a logid or biz_name of the role is switched on.
+constexpr uint32_t make_gate(uint32_t level_row, bool global_on, bool console_on, bool trace_on,
+                             bool singles) {
+  const uint32_t levels = global_on ? kGateLevels & ((2u << level_row) - 1u) : 0u;
+  return kGateAlways | (singles ? kGateLevels | kGateSingles : levels) | (levels << kGateStrictShift) |
+         (console_on ? kGateConsole : 0u) | (trace_on ? kGateTrace : 0u);
+}
+
+constexpr uint32_t gate_bit(uint32_t level) {
+  if (level == QN_LOG_T) return kGateTrace;
+  return level - QN_LOG_E <= QN_LOG_D - QN_LOG_E ? 1u << level : kGateAlways;
+}
+
+// The word of the process's instance, or kGateOpen without one.
+extern std::atomic<uint32_t> g_log_gate;
+
+inline uint32_t log_gate_current() { return g_log_gate.load(std::memory_order_relaxed); }
+void log_gate_set_current(uint32_t word);
+
+// The word of one role, for instances other than the process's own.
+uint32_t log_gate_of_role(uint32_t role);
+void log_gate_set_role(uint32_t role, uint32_t word);
+
+// Whether a logid or biz_name is switched on for the role; asked only where kGateSingles is set.
+using SingleSwitch = bool (*)(uint32_t role, uint32_t logid, const char* biz_name);
+void log_gate_set_single_switch(SingleSwitch is_on);
+bool log_gate_single_is_on(uint32_t role, uint32_t logid, const char* biz_name);
+
+// Whether a record of this level can pass at all: if not, nothing of it needs to be made.
+inline bool log_may_pass(uint32_t level) { return (log_gate_current() & gate_bit(level)) != 0; }
+
+// Whether a record passes the trace or permission gate of `role` with this word.
+inline bool log_gate_permits(uint32_t word, uint32_t role, uint32_t level, uint32_t logid,
+                             const char* biz_name) {
+  const uint32_t bit = gate_bit(level);
+  if ((word & bit) == 0) return false;
+  if ((word & kGateSingles) == 0 || (bit & kGateLevels) == 0) return true;
+  return (word & (bit << kGateStrictShift)) != 0 || log_gate_single_is_on(role, logid, biz_name);
+}
+
+}  // namespace qn
+
+#endif  // QN_CORE_LOG_GATE_H

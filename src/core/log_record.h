@@ -1,0 +1,70 @@
+// How the library's own code reports: constant rows of level, logid, module, biz_name and text, logged
+// with one line. Nothing is evaluated for a record that its level refuses.
+#ifndef QN_CORE_LOG_RECORD_H
+#define QN_CORE_LOG_RECORD_H
+
+#include <quillcore/log.h>
+
+#include <cstdint>
+
+#include "core/log_gate.h"
+
+namespace qn {
+
+struct Message {
+  uint32_t level;
+  uint32_t logid;
+  const char* module;
+  const char* biz_name;
+  const char* text;
+};
+
+// Macros, because the compiler checks arguments against a text only where it sees both.
+#define QN_LOG(message, ...)                                                                            \
+  do {                                                                                                  \
+    if (qn::log_may_pass((message).level))                                                              \
+      qn_log_core_adpater((message).level, (message).logid, (message).module, 1, 1, (message).biz_name, \
+                          (message).text __VA_OPT__(, ) __VA_ARGS__);                                   \
+  } while (0)
+
+#define QN_CONSOLE(message, ...)                                                                 \
+  qn_log_console_impl((message).level, (message).logid, (message).module, 1, (message).biz_name, \
+                      (message).text __VA_OPT__(, ) __VA_ARGS__)
+
+// The pair of trace records at the entry and exit of an operation.
+struct Trace {
+  const char* module;
+  const char* function;
+  uint32_t enter_logid;
+  const char* enter_biz_name;
+  uint32_t leave_logid;
+  const char* leave_biz_name;
+};
+
+inline void trace_enter(const Trace& trace) {
+  if (!log_may_pass(QN_LOG_T)) return;
+  qn_log_core_adpater(QN_LOG_T, trace.enter_logid, trace.module, 1, 1, trace.enter_biz_name,
+                      "entering %s. called by %s.", trace.function, "nil");
+}
+
+inline void trace_leave(const Trace& trace) {
+  if (!log_may_pass(QN_LOG_T)) return;
+  qn_log_core_adpater(QN_LOG_T, trace.leave_logid, trace.module, 1, 1, trace.leave_biz_name,
+                      "leaving %s. called by %s.", trace.function, "nil");
+}
+
+// The pair of an operation that traces every way out.
+class TraceScope {
+ public:
+  explicit TraceScope(const Trace& trace) : trace_(trace) { trace_enter(trace_); }
+  ~TraceScope() { trace_leave(trace_); }
+  TraceScope(const TraceScope&) = delete;
+  TraceScope& operator=(const TraceScope&) = delete;
+
+ private:
+  const Trace& trace_;
+};
+
+}  // namespace qn
+
+#endif  // QN_CORE_LOG_RECORD_H

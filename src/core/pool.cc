@@ -1,0 +1,214 @@
+// Memory pool: a chain of equal-sized blocks with a cursor each, and a list of large heap blocks.
+//
+// Every block starts with its header; the first one continues it with the pool's own three fields. A
+// search for room starts at `current`, which moves towards the tail past blocks that have missed too
+// often, so that it never walks a long chain of full ones.
+#include "core/pool.h"
+
+#include <malloc.h>
+
+#include <cstddef>
+#include <cstdlib>
+
+#include "core/log_record.h"
+#include "platform/bounded_string.h"
+
+namespace {
+
+struct PoolBlock {
+  uint8_t* last;  // first byte not yet handed out
+  uint8_t* end;   // one past the last byte
+  PoolBlock* next;
+  uint32_t failed;  // new blocks added while this one was searched and had a successor
+};
+
+struct qn_pool_large_t {
+  qn_pool_large_t* next;
+  void* alloc;  // null when the record is free for reuse
+};
+
+}  // namespace
+
+struct qn_pool {
+  PoolBlock block;
+  uint32_t max;  // largest request served from blocks
+  PoolBlock* current;
+  qn_pool_large_t* large;
+};
+
+namespace {
+
+using qn::Message;
+
+constexpr Message kBlockFailed{QN_LOG_D, 414, "mempool", "palloc_block", "qn_memalign failed. psize=%d"};
+constexpr Message kNoFreeRecord{QN_LOG_D, 415, "mempool", "alloc_large",
+                                "not found exist large block.size=%d"};
+
+constexpr uint32_t kBlockAlignment = 16;
+constexpr uint32_t kPoolAlignment = 4;
+constexpr uint32_t kMaxCap = 4095;
+constexpr uint32_t kDefaultBlockSize = 1024;
+constexpr uint32_t kMissesKept = 4;  // a block with more misses before this one is left behind
+constexpr uint32_t kLargeRecordsSearched = 5;
+
+static_assert(sizeof(qn_pool) <= 64);
+static_assert(sizeof(PoolBlock) == 4 * sizeof(void*) && sizeof(PoolBlock) % alignof(void*) == 0);
+static_assert(sizeof(qn_pool) == 7 * sizeof(void*));
+
+uint8_t* align_up(uint8_t* ptr, uint32_t alignment) {
+  const uintptr_t value = reinterpret_cast<uintptr_t>(ptr);
+  return ptr + (-value & (alignment - 1));
+}
+
+// The bytes handed out, or null when the block has no room. Alignment may carry the cursor past `end`.
+inline void* block_carve(PoolBlock& block, uint32_t size, uint32_t alignment) {
+  uint8_t* const start = align_up(block.last, alignment);
+  if (start > block.end || static_cast<size_t>(block.end - start) < size) return nullptr;
+  block.last = start + size;
+  return start;
+}
+
+// Counts a miss for every block on the search path that has a successor, moves `current` behind the last
+// of them that missed too often, and returns the tail. The walk goes on past a block that qualifies: a
+// later one decides, also over blocks with a low count in between.
+PoolBlock* count_misses(qn_pool& pool) {
+  PoolBlock* block = pool.current;
+  for (; block->next != nullptr; block = block->next) {
+    if (block->failed++ > kMissesKept) pool.current = block->next;
+  }
+  return block;
+}
+
+void* palloc_block(qn_pool& pool, uint32_t size, uint32_t alignment) {
+  const uint32_t block_size = static_cast<uint32_t>(pool.block.end - reinterpret_cast<uint8_t*>(&pool));
+  PoolBlock* const block = static_cast<PoolBlock*>(qn_memalign(kBlockAlignment, block_size));
+  if (block == nullptr) {
+    QN_LOG(kBlockFailed, block_size);
+    return nullptr;
+  }
+  uint8_t* const start = reinterpret_cast<uint8_t*>(block);
+  uint8_t* const result = align_up(start + sizeof(PoolBlock), alignment);
+  block->end = start + block_size;
+  block->last = result + size;
+
+  count_misses(pool)->next = block;
+  return result;
+}
+
+void* palloc_small_slow(qn_pool& pool, uint32_t size, uint32_t alignment) {
+  for (PoolBlock* block = pool.current; block != nullptr; block = block->next) {
+    if (void* const result = block_carve(*block, size, alignment)) return result;
+  }
+  return palloc_block(pool, size, alignment);
+}
+
+inline void* palloc_small(qn_pool& pool, uint32_t size, uint32_t alignment) {
+  if (void* const result = block_carve(*pool.current, size, alignment)) return result;
+  return palloc_small_slow(pool, size, alignment);
+}
+
+// A free record among the first few, so that the search stays short however long the list is.
+qn_pool_large_t* find_free_record(const qn_pool& pool) {
+  uint32_t searched = 0;
+  for (qn_pool_large_t* record = pool.large; record != nullptr && searched < kLargeRecordsSearched;
+       record = record->next, searched++) {
+    if (record->alloc == nullptr) return record;
+  }
+  return nullptr;
+}
+
+__attribute__((noinline)) void* alloc_large(qn_pool& pool, uint32_t size) {
+  void* const alloc = qn_alloc(size);
+  if (alloc == nullptr) return nullptr;
+
+  qn_pool_large_t* record = find_free_record(pool);
+  if (record == nullptr) {
+    QN_LOG(kNoFreeRecord, size);
+    record = static_cast<qn_pool_large_t*>(
+        palloc_small(pool, sizeof(qn_pool_large_t), alignof(qn_pool_large_t)));
+    if (record == nullptr) {
+      free(alloc);
+      return nullptr;
+    }
+    record->next = pool.large;
+    pool.large = record;
+  }
+  record->alloc = alloc;
+  return alloc;
+}
+
+void free_large_blocks(const qn_pool& pool) {
+  for (const qn_pool_large_t* record = pool.large; record != nullptr; record = record->next) {
+    free(record->alloc);
+  }
+}
+
+}  // namespace
+
+void* qn::palloc_aligned(qn_pool_t* pool, uint32_t size, uint32_t alignment) {
+  return size <= pool->max ? palloc_small(*pool, size, alignment) : alloc_large(*pool, size);
+}
+
+void* qn::pcalloc_array(qn_pool_t* pool, uint32_t count, uint32_t size, uint32_t alignment) {
+  uint32_t total = 0;
+  if (__builtin_mul_overflow(count, size, &total)) return nullptr;
+  void* const result = palloc_aligned(pool, total, alignment);
+  if (result != nullptr) memset_s(result, total, 0, total);
+  return result;
+}
+
+qn_pool_t* qn_pool_create(uint32_t block_size) {
+  if (block_size < sizeof(qn_pool) + sizeof(qn_pool_large_t)) return nullptr;
+  void* const memory = memalign(kBlockAlignment, block_size);
+  if (memory == nullptr) return nullptr;
+
+  qn_pool* const pool = static_cast<qn_pool*>(memory);
+  uint8_t* const start = static_cast<uint8_t*>(memory);
+  const uint32_t room = block_size - static_cast<uint32_t>(sizeof(qn_pool));
+  pool->block = {start + sizeof(qn_pool), start + block_size, nullptr, 0};
+  pool->max = room < kMaxCap ? room : kMaxCap;
+  pool->current = &pool->block;
+  pool->large = nullptr;
+  return pool;
+}
+
+qn_pool_t* qn_pool_create_default(void) { return qn_pool_create(kDefaultBlockSize); }
+
+void qn_pool_free(qn_pool_t* pool) {
+  free_large_blocks(*pool);
+  for (PoolBlock* block = &pool->block; block != nullptr;) {
+    PoolBlock* const next = block->next;
+    free(block);
+    block = next;
+  }
+}
+
+void qn_pool_reset(qn_pool_t* pool) {
+  free_large_blocks(*pool);
+  for (PoolBlock* block = &pool->block; block != nullptr; block = block->next) {
+    block->failed = 0;
+    // Later blocks have the shorter header and give up the difference, so that all start alike.
+    block->last = reinterpret_cast<uint8_t*>(block) + sizeof(qn_pool);
+  }
+  pool->large = nullptr;
+  pool->current = &pool->block;
+}
+
+void* qn_palloc(qn_pool_t* pool, uint32_t size) { return qn::palloc_aligned(pool, size, kPoolAlignment); }
+
+void* qn_pcalloc(qn_pool_t* pool, uint32_t size) {
+  void* const result = qn_palloc(pool, size);
+  if (result != nullptr) memset_s(result, size, 0, size);
+  return result;
+}
+
+int32_t qn_pfree(qn_pool_t* pool, void* ptr) {
+  if (ptr == nullptr) return -1;
+  for (qn_pool_large_t* record = pool->large; record != nullptr; record = record->next) {
+    if (record->alloc != ptr) continue;
+    free(ptr);
+    record->alloc = nullptr;
+    return 0;
+  }
+  return -1;
+}

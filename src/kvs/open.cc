@@ -1,0 +1,260 @@
+// Opening a store, new or existing, and closing it.
+//
+// Nothing of a store is visible before it is whole: a failing step leaves through the guard, which
+// releases what has been made so far. Only what was taken from the pool stays there.
+#include <fcntl.h>
+#include <libgen.h>
+#include <quillcore/utility.h>
+#include <search.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "core/heap.h"
+#include "core/log_record.h"
+#include "core/pool.h"
+#include "kvs/kvstore.h"
+#include "platform/bounded_string.h"
+#include "platform/error_text.h"
+#include "platform/guards.h"
+
+namespace qn {
+namespace {
+
+constexpr char kOpen[] = "qn_kvs_open";
+constexpr char kOpenFile[] = "kvstore_open";
+
+constexpr Message kInvalidParam{QN_LOG_E, 489, kStoreModule, kOpen, "invalid param."};
+constexpr Message kHandleFailed{QN_LOG_E, 484, kStoreModule, kOpen,
+                                "malloc kvstore_t failed. dbfile=%s, errno=(%d, %s)"};
+constexpr Message kHandleMade{QN_LOG_D, 485, kStoreModule, kOpen,
+                              "create db instance success. dbfile=%s"};
+constexpr Message kOpenFailed{QN_LOG_E, 488, kStoreModule, kOpenFile,
+                              "open database file failed. dbfile=%s, errno=(%d, %s)."};
+constexpr Message kHeaderFailed{QN_LOG_E, 463, kStoreModule, kOpenFile,
+                                "try to read database file header failed. dbfile=%s, errno=(%d, %s)."};
+constexpr Message kMagicFailed{QN_LOG_E, 464, kStoreModule, kOpenFile,
+                               "db file header magic check failed. dbfile=%s."};
+constexpr Message kVersionFailed{
+    QN_LOG_E, 465, kStoreModule, kOpenFile,
+    "version no check failed. current version no=%d, but got verno=%d, dbfile=%s."};
+constexpr Message kListsFailed{QN_LOG_E, 486, kStoreModule, kOpen, "malloc free list failed. dbfile=%s."};
+constexpr Message kRwlocksFailed{QN_LOG_E, 487, kStoreModule, kOpen, "init rwlock failed. dbfile=%s."};
+constexpr Message kPathCopyFailed{QN_LOG_E, 0, kStoreModule, kOpenFile, "strcpy_s failed."};
+constexpr Message kCreateFailed{QN_LOG_E, 459, kStoreModule, kOpenFile,
+                                "open database file failed. dbfile=%s, errno=(%d, %s)."};
+constexpr Message kClearFailed{QN_LOG_E, 460, kStoreModule, kOpenFile,
+                               "ftruncate database file failed. dbfile=%s, errno=(%d, %s), db_size=%d."};
+constexpr Message kExtendFailed{QN_LOG_E, 461, kStoreModule, kOpenFile,
+                                "ftruncate database file failed. dbfile=%s, errno=(%d, %s), db_size=%d."};
+constexpr Message kImageFailed{QN_LOG_E, 482, kStoreModule, "qn_kvs_mmap",
+                               "alloc db_addr failed. dbfile=%s, errno=(%d, %s), db_size=%d"};
+constexpr Message kLoadSeekFailed{QN_LOG_E, 479, kStoreModule, "kvs_commit",
+                                  "lseek failed. dbfile=%s, errno=(%d, %s)"};
+constexpr Message kLoadFailed{QN_LOG_E, 480, kStoreModule, "qn_kvs_safe_load_dbfile",
+                              "read dbfile failed. dbfile=%s, total read count=0x%x not match "
+                              "db_size=0x%x, error=(%d, %s)"};
+constexpr Message kLoaded{QN_LOG_D, 483, kStoreModule, "qn_kvs_mmap",
+                          "read/mmap dbfile success. dbfile=%s, db_size=0x%x"};
+constexpr Trace kTraceCreate{kStoreModule, "qn_kvs_create_and_open_dbfile", 458, "create_and_open_dbfile",
+                             462,          "create_and_open_dbfile"};
+
+constexpr mode_t kFileMode = 0600;
+constexpr size_t kPathSize = 639;  // one byte less than `dbfile`: a path has at most 638 bytes
+
+void keep_key(void*) {}  // the keys lie in the image
+
+// Releases whatever has been made of a store; a part that was not made is null or -1.
+struct StoreClose {
+  void operator()(kvstore_t* store) const {
+    tdestroy(store->index_root, keep_key);
+    qn_free(store->db_addr);
+    if (store->rwlocks != nullptr) {
+      for (uint32_t i = 0; i < kValueTypeCount; i++) pthread_rwlock_destroy(&store->rwlocks[i]);
+    }
+    if (store->lists != nullptr) {
+      for (uint32_t i = 0; i < kListCount; i++) pthread_spin_destroy(&store->lists[i].lock);
+    }
+    pthread_spin_destroy(&store->lock);
+    pthread_mutex_destroy(&store->mutex);
+    if (store->fd >= 0) close(store->fd);
+    qn_free(store);
+  }
+};
+
+using StorePtr = std::unique_ptr<kvstore_t, StoreClose>;
+
+// A path that does not fit leaves `dbfile` empty, and no file can be made under that name.
+StorePtr make_store(qn_pool_t* pool, const char* path) {
+  kvstore_t* const store = static_cast<kvstore_t*>(qn_alloc(sizeof(kvstore_t)));
+  if (store == nullptr) {
+    const int error = errno;
+    QN_LOG(kHandleFailed, path, error, ErrorText(error).text());
+    return nullptr;
+  }
+  QN_LOG(kHandleMade, path);
+  store->pool = pool;
+  store->fd = -1;
+  strncpy_s(store->dbfile, kPathSize, path, strlen(path));
+  pthread_spin_init(&store->lock, PTHREAD_PROCESS_PRIVATE);
+  pthread_mutex_init(&store->mutex, nullptr);
+  return StorePtr(store);
+}
+
+// Makes the directories of a file. dirname() may change its argument.
+int32_t make_directories(const char* dbfile) {
+  char path[sizeof(kvstore_t::dbfile)] = "";
+  if (strcpy_s(path, sizeof(path), dbfile) != 0) {
+    QN_LOG(kPathCopyFailed);
+    return -1;
+  }
+  if (const char* const directory = dirname(path)) qn_os_exec_vcmd("mkdir -p %s", directory);
+  return 0;
+}
+
+// Makes a file of full size, all zero, also in place of one that came into being in the meantime.
+int32_t qn_kvs_create_and_open_dbfile(const char* dbfile, UniqueFd* out) {
+  trace_enter(kTraceCreate);
+  if (make_directories(dbfile) != 0) return -1;
+  UniqueFd fd(open(dbfile, O_RDWR | O_CREAT | O_CLOEXEC, kFileMode));
+  if (!fd.valid()) {
+    const int error = errno;
+    QN_LOG(kCreateFailed, dbfile, error, ErrorText(error).text());
+    return -1;
+  }
+  if (ftruncate(fd.get(), 0) != 0) {
+    const int error = errno;
+    QN_LOG(kClearFailed, dbfile, error, ErrorText(error).text(), 0);
+    return -1;
+  }
+  if (ftruncate(fd.get(), kDbSize) != 0) {
+    const int error = errno;
+    QN_LOG(kExtendFailed, dbfile, error, ErrorText(error).text(), static_cast<int>(kDbSize));
+    return -1;
+  }
+  out->reset(fd.release());
+  trace_leave(kTraceCreate);
+  return 0;
+}
+
+// Opens an existing file that has our magic and version; changes nothing in it.
+int32_t open_existing(const char* dbfile, UniqueFd* out) {
+  UniqueFd fd(open(dbfile, O_RDWR | O_CLOEXEC));
+  if (!fd.valid()) {
+    const int error = errno;
+    QN_LOG(kOpenFailed, dbfile, error, ErrorText(error).text());
+    return -1;
+  }
+  char header[kHeaderSize];
+  kvs_seek_start(fd.get());
+  if (read(fd.get(), header, sizeof(header)) != static_cast<ssize_t>(sizeof(header))) {
+    const int error = errno;
+    QN_LOG(kHeaderFailed, dbfile, error, ErrorText(error).text());
+    return -1;
+  }
+  if (memcmp(header, kMagic, kMagicSize) != 0) {
+    QN_LOG(kMagicFailed, dbfile);
+    return -1;
+  }
+  const uint8_t version = static_cast<uint8_t>(header[kMagicSize]);
+  if (version != kVersion) {
+    QN_LOG(kVersionFailed, kVersion, version, dbfile);
+    return -1;
+  }
+  out->reset(fd.release());
+  return 0;
+}
+
+// Reads until the image is full or nothing more comes; an interrupted read ends it like a failed one.
+uint32_t read_image(int32_t fd, uint8_t* image) {
+  uint32_t total = 0;
+  while (total < kDbSize) {
+    const ssize_t got = read(fd, image + total, kDbSize - total);
+    if (got <= 0) break;
+    total += static_cast<uint32_t>(got);
+  }
+  return total;
+}
+
+// Takes the descriptor over and loads the whole file into a private image.
+int32_t qn_kvs_safe_load_dbfile(kvstore_t& store, UniqueFd& fd) {
+  store.fd = fd.release();
+  store.db_addr = static_cast<uint8_t*>(qn_alloc(kDbSize));
+  if (store.db_addr == nullptr) {
+    const int error = errno;
+    QN_LOG(kImageFailed, store.dbfile, error, ErrorText(error).text(), static_cast<int>(kDbSize));
+    return -1;
+  }
+  if (kvs_seek_start(store.fd) != 0) {
+    const int error = errno;
+    QN_LOG(kLoadSeekFailed, store.dbfile, error, ErrorText(error).text());
+    return -1;
+  }
+  const uint32_t total = read_image(store.fd, store.db_addr);
+  const int error = errno;
+  kvs_seek_start(store.fd);
+  if (total != kDbSize) {
+    QN_LOG(kLoadFailed, store.dbfile, total, kDbSize, error, ErrorText(error).text());
+    return -1;
+  }
+  QN_LOG(kLoaded, store.dbfile, kDbSize);
+  return 0;
+}
+
+int32_t create_and_load(kvstore_t& store) {
+  UniqueFd fd;
+  if (qn_kvs_create_and_open_dbfile(store.dbfile, &fd) != 0) return -1;
+  if (qn_kvs_safe_load_dbfile(store, fd) != 0) return -1;
+  memcpy_s(store.db_addr, kDbSize, kMagic, kMagicSize);
+  store.db_addr[kMagicSize] = kVersion;
+  kvs_commit(store);
+  return 0;
+}
+
+int32_t open_and_load(kvstore_t& store) {
+  UniqueFd fd;
+  if (open_existing(store.dbfile, &fd) != 0) return -1;
+  return qn_kvs_safe_load_dbfile(store, fd);
+}
+
+int32_t make_lists(kvstore_t& store) {
+  store.lists = pcalloc_objects<kvs_list_t>(store.pool, kListCount);
+  if (store.lists == nullptr) {
+    QN_LOG(kListsFailed, store.dbfile);
+    return -1;
+  }
+  for (uint32_t i = 0; i < kListCount; i++) {
+    pthread_spin_init(&store.lists[i].lock, PTHREAD_PROCESS_PRIVATE);
+    list_init(store.lists[i].head);
+  }
+  store.rwlocks = pcalloc_objects<pthread_rwlock_t>(store.pool, kValueTypeCount);
+  if (store.rwlocks == nullptr) {
+    QN_LOG(kRwlocksFailed, store.dbfile);
+    return -1;
+  }
+  for (uint32_t i = 0; i < kValueTypeCount; i++) pthread_rwlock_init(&store.rwlocks[i], nullptr);
+  return 0;
+}
+
+}  // namespace
+}  // namespace qn
+
+int32_t qn_kvs_open(kvstore_t** store, qn_pool_t* pool, const char* path) {
+  if (store == nullptr || pool == nullptr || path == nullptr) {
+    QN_CONSOLE(qn::kInvalidParam);
+    return -1;
+  }
+  qn::StorePtr opened = qn::make_store(pool, path);
+  if (!opened) return -1;
+  const bool exists = qn_file_is_exist(opened->dbfile) != 0;
+  if ((exists ? qn::open_and_load(*opened) : qn::create_and_load(*opened)) != 0) return -1;
+  if (qn::make_lists(*opened) != 0) return -1;
+  qn::qn_kvs_build_indexs(*opened);
+  *store = opened.release();
+  return 0;
+}
+
+void qn_kvs_close(kvstore_t* store) {
+  if (store != nullptr) qn::StoreClose()(store);
+}

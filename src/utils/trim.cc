@@ -1,0 +1,26 @@
+// Trimming in place. The set of white space is fixed: isspace() would ask the locale.
+#include <quillcore/utility.h>
+
+#include <cstring>
+
+namespace {
+
+constexpr bool is_white_space(char byte) { return byte == ' ' || (byte >= '\t' && byte <= '\r'); }
+
+}  // namespace
+
+char* qn_utils_ltrim(char* text) {
+  if (text == nullptr) return nullptr;
+  while (is_white_space(*text)) text++;
+  return text;
+}
+
+char* qn_utils_rtrim(char* text) {
+  if (text == nullptr) return nullptr;
+  for (size_t length = strlen(text); length > 0 && is_white_space(text[length - 1]); length--) {
+    text[length - 1] = '\0';
+  }
+  return text;
+}
+
+char* qn_utils_trim(char* text) { return qn_utils_rtrim(qn_utils_ltrim(text)); }
