@@ -1,0 +1,69 @@
+#include "support/capture.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <regex>
+#include <sstream>
+
+std::ostream& operator<<(std::ostream& out, const Record& record) {
+  return out << '[' << record.logid << "] [" << record.level << "] [" << record.module << "] ["
+             << record.biz_name << "] " << record.text;
+}
+
+StderrCapture::StderrCapture()
+    : memory_(memfd_create("stderr", MFD_CLOEXEC)), original_(dup(STDERR_FILENO)) {
+  fflush(stderr);
+  dup2(memory_, STDERR_FILENO);
+}
+
+StderrCapture::~StderrCapture() { release(); }
+
+void StderrCapture::release() {
+  if (original_ < 0) return;
+  fflush(stderr);
+  dup2(original_, STDERR_FILENO);
+  close(original_);
+  close(memory_);
+  original_ = -1;
+}
+
+std::string StderrCapture::text() const {
+  fflush(stderr);
+  std::string text(static_cast<size_t>(lseek(memory_, 0, SEEK_CUR)), '\0');
+  const ssize_t got = pread(memory_, text.data(), text.size(), 0);
+  text.resize(got < 0 ? 0 : static_cast<size_t>(got));
+  return text;
+}
+
+void StderrCapture::clear() {
+  fflush(stderr);
+  if (ftruncate(memory_, 0) == 0) lseek(memory_, 0, SEEK_SET);
+}
+
+std::vector<Record> StderrCapture::records() const {
+  static const std::regex form(
+      R"((\d\d-\d\d \d\d:\d\d:\d\d \d{1,6}) \[(\d{4,})\] \[([^\]]*)\] \[([^\]]*)\] \[([^\]]*)\] ([^]*))");
+  std::vector<Record> found;
+  std::istringstream lines(text());
+  for (std::string line; std::getline(lines, line);) {
+    std::smatch match;
+    if (!std::regex_match(line, match, form)) continue;
+    found.push_back(
+        {match[1], static_cast<uint32_t>(std::stoul(match[2])), match[3], match[4], match[5], match[6]});
+  }
+  return found;
+}
+
+std::vector<Record> StderrCapture::records(uint32_t logid) const {
+  std::vector<Record> found = records();
+  std::erase_if(found, [logid](const Record& record) { return record.logid != logid; });
+  return found;
+}
+
+std::vector<uint32_t> StderrCapture::logids() const {
+  std::vector<uint32_t> found;
+  for (const Record& record : records()) found.push_back(record.logid);
+  return found;
+}

@@ -1,0 +1,50 @@
+// Runs the tests of a program and fails each one that leaves a descriptor or a child behind.
+#include "support/main.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+
+std::set<int> open_descriptors() {
+  std::set<int> found;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    found.insert(std::stoi(entry.path().filename()));
+  }
+  // The walk's own descriptor is closed again by now.
+  std::erase_if(found,
+                [](int fd) { return !std::filesystem::exists("/proc/self/fd/" + std::to_string(fd)); });
+  return found;
+}
+
+void close_descriptors_not_in(const std::set<int>& kept) {
+  for (const int fd : open_descriptors()) {
+    if (!kept.contains(fd)) close(fd);
+  }
+}
+
+namespace {
+
+class LeakListener : public testing::EmptyTestEventListener {
+  void OnTestStart(const testing::TestInfo&) override { before_ = open_descriptors(); }
+
+  void OnTestEnd(const testing::TestInfo&) override {
+    EXPECT_EQ(before_, open_descriptors()) << "descriptors before and after the test";
+    EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) < 0 && errno == ECHILD) << "a child is left";
+  }
+
+  std::set<int> before_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  testing::InitGoogleTest(&argc, argv);
+  // As a daemon does: a write to a peer that is gone shall fail, not end the process.
+  signal(SIGPIPE, SIG_IGN);
+  testing::UnitTest::GetInstance()->listeners().Append(new LeakListener);
+  return RUN_ALL_TESTS();
+}

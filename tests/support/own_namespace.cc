@@ -1,0 +1,75 @@
+#include "support/own_namespace.h"
+
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+
+namespace {
+
+constexpr int kNoNamespace = 77;
+
+bool map_user(uid_t uid, gid_t gid) {
+  std::ofstream("/proc/self/setgroups") << "deny";
+  std::ofstream("/proc/self/uid_map") << "0 " << uid << " 1";
+  std::ofstream("/proc/self/gid_map") << "0 " << gid << " 1";
+  return true;
+}
+
+// The folder /etc/quillnet need not exist, so it is made on a writable layer of /etc. Copying the few
+// files that the C library reads there is not needed: what /etc holds stays visible below.
+bool mount_etc() {
+  if (mkdir("/tmp/.upper", 0755) != 0 || mkdir("/tmp/.work", 0755) != 0) return false;
+  if (mount("overlay", "/etc", "overlay", 0, "lowerdir=/etc,upperdir=/tmp/.upper,workdir=/tmp/.work") !=
+      0) {
+    return false;
+  }
+  return mkdir("/etc/quillnet", 0755) == 0 || errno == EEXIST;
+}
+
+bool enter_namespace() {
+  const uid_t uid = getuid();
+  const gid_t gid = getgid();
+  if (uid == 0) {
+    if (unshare(CLONE_NEWNS) != 0) return false;
+  } else if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0 || !map_user(uid, gid)) {
+    return false;
+  }
+  return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+         mount("tmpfs", "/tmp", "tmpfs", 0, nullptr) == 0 && mount_etc();
+}
+
+int run(const std::function<void()>& body) {
+  if (!enter_namespace()) {
+    fprintf(stderr, "no namespace: %s\n", strerror(errno));
+    return kNoNamespace;
+  }
+  body();
+  return testing::Test::HasFailure() ? 1 : 0;
+}
+
+}  // namespace
+
+void in_own_namespace(const std::function<void()>& body) {
+  fflush(nullptr);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    const int status = run(body);
+    fflush(nullptr);
+    _exit(status);
+  }
+  int status = 0;
+  ASSERT_EQ(child, waitpid(child, &status, 0));
+  if (WIFEXITED(status) && WEXITSTATUS(status) == kNoNamespace) {
+    GTEST_SKIP() << "the kernel allows no mount namespace here";
+  }
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status of the child " << status;
+}
