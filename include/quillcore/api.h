@@ -24,4 +24,4 @@
 // Lets the compiler check a printf-like format against its arguments; `first` is 0 for a va_list.
 #define QN_PRINTF(text, first) __attribute__((__format__(__printf__, text, first)))
 
-#endif  // QUILLCORE_API_H
+#endif // QUILLCORE_API_H

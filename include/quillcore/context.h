@@ -15,8 +15,8 @@ QN_BEGIN_DECLS
 #define QN_CYCLE_PROCESS_WORDS 74
 #define QN_CYCLE_SERVICES 10
 
-typedef struct qn_service qn_service_t;  // opaque
-typedef struct qn_msg_req qn_msg_req_t;  // see service.h
+typedef struct qn_service qn_service_t; // opaque
+typedef struct qn_msg_req qn_msg_req_t; // see service.h
 
 // Serves one request; called on the service's thread. To answer with a body it stores a block from
 // qn_alloc() or malloc() in `*rsp_body` and its size in bytes, at most 65535, in `*rsp_len`; both start
@@ -26,10 +26,10 @@ typedef int32_t qn_msg_handler_t(const qn_msg_req_t* req, void** rsp_body, uint3
 
 // One row of a handler table.
 typedef struct qn_api_entry {
-  uint16_t msg_src_mask;      // sources that this row serves, as bits; 0 switches the row off
-  uint8_t msg_type;           // the message type that this row serves
-  qn_msg_handler_t* handler;  // null switches the row off
-  void* instance;             // handed to the handler as `ctx`
+  uint16_t msg_src_mask;     // sources that this row serves, as bits; 0 switches the row off
+  uint8_t msg_type;          // the message type that this row serves
+  qn_msg_handler_t* handler; // null switches the row off
+  void* instance;            // handed to the handler as `ctx`
 } qn_api_entry_t;
 
 // A handler table. The rows are borrowed.
@@ -40,11 +40,11 @@ typedef struct qn_apis {
 
 // The process's root object. It lies in its own pool.
 typedef struct qn_cycle {
-  uint8_t state;                                   // 0
-  qn_pool_t* pool;                                 // holds the cycle and all that lives as long as it
-  uint32_t worker_role;                            // see qn_cycle_set_worker_role()
-  uintptr_t process_area[QN_CYCLE_PROCESS_WORDS];  // the process's own, zero at first
-  qn_service_t* services[QN_CYCLE_SERVICES];       // by slot; see service.h
+  uint8_t state;                                  // 0
+  qn_pool_t* pool;                                // holds the cycle and all that lives as long as it
+  uint32_t worker_role;                           // see qn_cycle_set_worker_role()
+  uintptr_t process_area[QN_CYCLE_PROCESS_WORDS]; // the process's own, zero at first
+  qn_service_t* services[QN_CYCLE_SERVICES];      // by slot; see service.h
 } qn_cycle_t;
 
 // Makes a cycle with a pool of 32768-byte blocks. The caller ends it with qn_cycle_free().
@@ -76,4 +76,4 @@ QN_API qn_api_entry_t* qn_service_inject_instance(qn_pool_t* pool, const qn_api_
 
 QN_END_DECLS
 
-#endif  // QUILLCORE_CONTEXT_H
+#endif // QUILLCORE_CONTEXT_H

@@ -8,7 +8,8 @@
 // The stamp is local time; its last field is the microseconds, not zero-filled. A record never exceeds
 // 1023 bytes with its line feed. A text that does not fit behind the header is dropped whole.
 //
-// Until a process has a log instance every record goes to standard error and no gate is asked.
+// Until a process has a log instance, and after that is ended, every record goes to standard error and no
+// gate is asked.
 //
 // Arguments that all entries share:
 //   level     QN_LOG_G ... QN_LOG_F or QN_LOG_T; no other number
@@ -31,15 +32,15 @@
 
 QN_BEGIN_DECLS
 
-#define QN_LOG_G 1u   // never refused; goes to the error file too
-#define QN_LOG_E 2u   // error; goes to the error file too
-#define QN_LOG_W 3u   // warning
-#define QN_LOG_I 4u   // information
-#define QN_LOG_D 5u   // debug
-#define QN_LOG_F 6u   // fault, with a fault text; goes to the error file too
-#define QN_LOG_T 64u  // trace, with a gate of its own
+#define QN_LOG_G 1u  // never refused; goes to the error file too
+#define QN_LOG_E 2u  // error; goes to the error file too
+#define QN_LOG_W 3u  // warning
+#define QN_LOG_I 4u  // information
+#define QN_LOG_D 5u  // debug
+#define QN_LOG_F 6u  // fault, with a fault text; goes to the error file too
+#define QN_LOG_T 64u // trace, with a gate of its own
 
-typedef struct qn_log qn_log_t;  // opaque
+typedef struct qn_log qn_log_t; // opaque
 
 // Writes a record to the process's instance, or to standard error while there is none.
 // Returns 0 when its level is refused, 1 when it is a trace record and trace is off, otherwise what the
@@ -90,6 +91,68 @@ QN_API int32_t qn_log_dump_macaddr_adpater(uint32_t level, uint32_t logid, const
                                            uint8_t newline, const char* biz_name, const char* name,
                                            const uint8_t* mac);
 
+// Instances. A process makes one with its role, the singleton; its records then go to two files in
+// /tmp/quillnet/log/, ROLE_0.log.txt and, for levels G, E and F, ROLE_error_0.log.txt too. Each is moved
+// to ROLE_1.log.txt or ROLE_error_1.log.txt before it reaches the role's limit in bytes. Every record is
+// on disk when the call returns.
+//
+//   role   1      2        3        4        5      6       7        8         9            10
+//   name   qntty  hubd     leafd    admd     relay  arcd    arc_tty  lib_call  nw_lib_call  nil
+//   limit  65536  1572864  1572864  1048576  65536  524288  65536    131072    65536        1048576
+//
+// A child of fork() may log too.
+
+// Makes an instance. Bits 0 to 3 of `config_level` are a level of 0 to 6, which no gate reads; bit 7
+// means that it writes no files. A role outside 1 to 9 becomes 10. `append` not 0 continues the files of
+// an earlier run, 0 empties them; backups stay. The caller ends it with qn_log_free(). Returns null for a
+// level above 6, when memory is short and when a file cannot be opened (printed on standard error).
+QN_API qn_log_t* qn_log_local_new(uint32_t config_level, uint32_t role, uint32_t append);
+
+// Closes the files of an instance and releases it; no other thread may use it by then. Null is ignored.
+QN_API void qn_log_free(qn_log_t* log);
+
+// Returns null: no log client exists.
+QN_API void* qn_log_client_new(void);
+
+// Makes the process's instance, as qn_log_local_new(), and loads who may log what from
+// /etc/quillnet/quillnet.conf or, if that cannot be read, from default tables. When there is an instance
+// it stays, with its role, and only the permissions are loaded anew. To be called while no other thread
+// logs. Returns 0; -1 if no instance could be made.
+QN_API int32_t qn_log_new_singleton_instance(uint32_t config_level, uint32_t role, uint32_t append);
+
+// Ends the process's instance: records go to standard error again, ungated. To be called while no other
+// thread logs. Without an instance it does nothing.
+QN_API void qn_log_free_singleton_instance(void);
+
+// Permissions. A record of level E, W, I or D passes if its logid or biz_name is switched on for the
+// role, or if its level is not beyond the role's level and the role's global switch is on.
+
+#define QN_LOG_PERMIT_LEVEL 1u   // store `level`
+#define QN_LOG_PERMIT_BIZ 2u     // switch `biz_name` as `permit` says
+#define QN_LOG_PERMIT_LOGID 4u   // switch `logid` as `permit` says
+#define QN_LOG_PERMIT_CONSOLE 8u // switch records on standard error as `console_permit` says
+#define QN_LOG_PERMIT_TRACE 16u  // switch trace records as `trace_permit` says
+
+// A change of permissions. All texts are NUL-terminated.
+typedef struct qn_log_permit_config {
+  char role[8];   // a role's name, or "default"
+  char level[8];  // a level's letter, upper case: "G", "E", "W", "I", "D" or "F"
+  char permit[8]; // "on" or "off"
+  int32_t logid;  // switched as a whole: logid 0 stands for every call site without a number
+  char biz_name[64];
+  char console_permit[5]; // "on" or "off"
+  char trace_permit[5];   // "on" or "off"
+  uint8_t reset;          // not 0: forget all changes and load the permissions anew; all else is ignored
+  uint32_t mask;          // sum of QN_LOG_PERMIT_* values
+} qn_log_permit_config_t;
+
+// Changes permissions of the running process; each change holds from the next record on. Steps run in the
+// order of the mask's values, and a failed one does not stop later ones. Any thread may call it.
+// Returns 0; -1 when a step failed (printed on standard error; "config failed." is logged): a switch that
+// is neither "on" nor "off", switching off what was not on, a key that is too long, a text without its
+// terminator, a null `config`, no permissions loaded; or when a reset could not make its maps.
+QN_API int32_t qn_log_set_log_permit_config(const qn_log_permit_config_t* config);
+
 QN_END_DECLS
 
-#endif  // QUILLCORE_LOG_H
+#endif // QUILLCORE_LOG_H

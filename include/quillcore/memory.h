@@ -17,7 +17,7 @@
 
 QN_BEGIN_DECLS
 
-typedef struct qn_pool qn_pool_t;  // opaque
+typedef struct qn_pool qn_pool_t; // opaque
 
 // Allocates `size` bytes, all zero.
 // Returns null for size 0 (nothing is logged) and when memory is short (logged, 524).
@@ -73,4 +73,4 @@ QN_API int32_t qn_pfree(qn_pool_t* pool, void* ptr);
 
 QN_END_DECLS
 
-#endif  // QUILLCORE_MEMORY_H
+#endif // QUILLCORE_MEMORY_H

@@ -25,38 +25,38 @@ QN_BEGIN_DECLS
 #define QN_MSG_ACT_RSP 2
 
 #define QN_MSG_ERR_OK 0
-#define QN_MSG_ERR_NO_HANDLER 1      // no row serves this source and type; the body is empty
-#define QN_MSG_ERR_HANDLER_FAILED 3  // the handler failed; the body is what it left
+#define QN_MSG_ERR_NO_HANDLER 1     // no row serves this source and type; the body is empty
+#define QN_MSG_ERR_HANDLER_FAILED 3 // the handler failed; the body is what it left
 
-#define QN_MSG_SIZE_MAX 3072  // bytes of a request, header included
+#define QN_MSG_SIZE_MAX 3072 // bytes of a request, header included
 
 // Header of every message. Packed; the fields of more than one byte are in the host's byte order.
 typedef struct __attribute__((packed)) qn_msg_hdr {
-  uint8_t msg_type;  // the operation
-  uint8_t msg_act;   // QN_MSG_ACT_*
-  uint8_t msg_err;   // QN_MSG_ERR_* in a response
-  uint16_t msg_src;  // the sender, as bits; see msg_src_mask of qn_api_entry_t
-  uint16_t msg_len;  // bytes of the body
-  uint32_t msg_id;   // chosen by the client, copied into the response
+  uint8_t msg_type; // the operation
+  uint8_t msg_act;  // QN_MSG_ACT_*
+  uint8_t msg_err;  // QN_MSG_ERR_* in a response
+  uint16_t msg_src; // the sender, as bits; see msg_src_mask of qn_api_entry_t
+  uint16_t msg_len; // bytes of the body
+  uint32_t msg_id;  // chosen by the client, copied into the response
 } qn_msg_hdr_t;
 
 // What a handler is given; valid during its call only.
 struct qn_msg_req {
-  int32_t fd;           // the connection; borrowed
-  void* ctx;            // `instance` of the handler's row
-  uint32_t msg_id;      // from the header
-  uint16_t msg_src;     // from the header
-  uint8_t msg_act;      // from the header, QN_MSG_ACT_REQ
-  const uint8_t* body;  // `body_len` bytes without alignment; not terminated when the request is full
+  int32_t fd;          // the connection; borrowed
+  void* ctx;           // `instance` of the handler's row
+  uint32_t msg_id;     // from the header
+  uint16_t msg_src;    // from the header
+  uint8_t msg_act;     // from the header, QN_MSG_ACT_REQ
+  const uint8_t* body; // `body_len` bytes without alignment; not terminated when the request is full
   uint32_t body_len;
 };
 
 // How a service is set up. Borrowed, with the path, until the service has ended.
 typedef struct qn_service_conf {
-  const char* server_path;  // at most QN_SOCK_PATH_MAX bytes
-  int32_t backlog;          // for listen()
-  uint32_t max_msg_len;     // largest msg_len that a request may declare
-  uint32_t slot;            // index into the cycle's `services`, below QN_CYCLE_SERVICES; not tested
+  const char* server_path; // at most QN_SOCK_PATH_MAX bytes
+  int32_t backlog;         // for listen()
+  uint32_t max_msg_len;    // largest msg_len that a request may declare
+  uint32_t slot;           // index into the cycle's `services`, below QN_CYCLE_SERVICES; not tested
 } qn_service_conf_t;
 
 // Starts a service on a new detached thread; `conf` and `apis` are borrowed until it has ended. The
@@ -84,4 +84,4 @@ QN_API int32_t qn_service_make_error_msg(uint32_t code, void** rsp_body, uint32_
 
 QN_END_DECLS
 
-#endif  // QUILLCORE_SERVICE_H
+#endif // QUILLCORE_SERVICE_H

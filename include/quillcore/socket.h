@@ -10,7 +10,7 @@
 
 QN_BEGIN_DECLS
 
-#define QN_SOCK_PATH_MAX 106  // bytes of a server path, without the terminator
+#define QN_SOCK_PATH_MAX 106 // bytes of a server path, without the terminator
 
 // Reads until `buf` is full or nothing more comes: end of stream, EAGAIN, a time-out or any error. All
 // queued messages go into `buf` back to back; one that does not fit the rest of it is cut. A blocking
@@ -42,4 +42,4 @@ QN_API int32_t qn_sock_set_fd_recv_timeout(int32_t fd, uint32_t seconds, uint32_
 
 QN_END_DECLS
 
-#endif  // QUILLCORE_SOCKET_H
+#endif // QUILLCORE_SOCKET_H

@@ -42,9 +42,9 @@
 
 QN_BEGIN_DECLS
 
-#define QN_KVS_KEY_MAX 31      // bytes of a key
-#define QN_KVS_VALUE_MAX 2045  // bytes of a value
-#define QN_KVS_TEXT_MAX 2044   // bytes of a text through qn_kvs_put_fmt()
+#define QN_KVS_KEY_MAX 31     // bytes of a key
+#define QN_KVS_VALUE_MAX 2045 // bytes of a value
+#define QN_KVS_TEXT_MAX 2044  // bytes of a text through qn_kvs_put_fmt()
 
 // A counted text. As a key it is the first `len` bytes of `data`, or less if a NUL comes first; `data`
 // must be NUL-terminated all the same, since records print it.
@@ -53,7 +53,7 @@ typedef struct qn_str {
   char* data;
 } qn_str_t;
 
-typedef struct kvstore kvstore_t;  // opaque
+typedef struct kvstore kvstore_t; // opaque
 
 // Opens the store at `path` (at most 638 bytes), or creates it, mode 0600, with its directories; these
 // are made by "mkdir -p" through the shell, so the path's directory must hold nothing that a shell would
@@ -91,4 +91,4 @@ QN_API int32_t qn_kvs_delete(kvstore_t* store, const qn_str_t* key);
 
 QN_END_DECLS
 
-#endif  // QUILLCORE_STORE_H
+#endif // QUILLCORE_STORE_H

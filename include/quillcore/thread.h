@@ -10,7 +10,7 @@
 
 QN_BEGIN_DECLS
 
-#define QN_PTHREAD_STACK_SIZE 204800  // bytes
+#define QN_PTHREAD_STACK_SIZE 204800 // bytes
 
 // Starts a joinable thread with a stack of QN_PTHREAD_STACK_SIZE bytes that runs start_routine(arg).
 // `thread` is written before the call returns; the new thread may be running by then.
@@ -27,4 +27,4 @@ QN_API int32_t qn_pthread_mutex_init(pthread_mutex_t* mutex);
 
 QN_END_DECLS
 
-#endif  // QUILLCORE_THREAD_H
+#endif // QUILLCORE_THREAD_H

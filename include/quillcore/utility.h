@@ -75,4 +75,4 @@ QN_API int64_t qn_file_get_last_mtime(const char* path);
 
 QN_END_DECLS
 
-#endif  // QUILLCORE_UTILITY_H
+#endif // QUILLCORE_UTILITY_H

@@ -38,6 +38,6 @@ T& list_entry(ListLink& link, size_t offset) {
   return *reinterpret_cast<T*>(reinterpret_cast<char*>(&link) - offset);
 }
 
-}  // namespace qn
+} // namespace qn
 
-#endif  // QN_CONTAINER_LIST_H
+#endif // QN_CONTAINER_LIST_H

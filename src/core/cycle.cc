@@ -21,7 +21,7 @@ static_assert(sizeof(qn_cycle_t::process_area) == 74 * sizeof(uintptr_t));
 static_assert(offsetof(qn_cycle_t, services) == (3 + 74) * sizeof(uintptr_t));
 static_assert(sizeof(qn_cycle_t) == (3 + 74 + 10) * sizeof(uintptr_t));
 
-}  // namespace
+} // namespace
 
 qn_cycle_t* qn_cycle_new(void) {
   qn_pool_t* const pool = qn_pool_create(kBlockSize);

@@ -20,7 +20,7 @@ constexpr Message kAligned{QN_LOG_D, 525, "alloc", "memalign", "memalign alignme
 constexpr Message kAlignFailed{QN_LOG_E, 526, "alloc", "memalign",
                                "memalign alignment=%d, size=%d failed. errno=(%d,%s)"};
 
-}  // namespace
+} // namespace
 
 void* qn_alloc(uint32_t size) {
   if (size == 0) return nullptr;

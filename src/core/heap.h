@@ -21,6 +21,6 @@ HeapPtr<T> make_heap() {
   return HeapPtr<T>(static_cast<T*>(qn_alloc(sizeof(T))));
 }
 
-}  // namespace qn
+} // namespace qn
 
-#endif  // QN_CORE_HEAP_H
+#endif // QN_CORE_HEAP_H

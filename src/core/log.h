@@ -3,6 +3,7 @@
 #ifndef QN_CORE_LOG_H
 #define QN_CORE_LOG_H
 
+#include <pthread.h>
 #include <quillcore/log.h>
 
 #include <cstdarg>
@@ -16,11 +17,11 @@ struct qn_log_writer_ops {
 };
 
 struct qn_log {
-  uint32_t config_level;            // bits 0..3: a level, 0 to 6; bit 7: no writer. No gate reads it.
-  uint32_t role;                    // row of qn_log_role_table, 1 to 10
-  qn_log_writer_ops* local_writer;  // null if the instance has none
-  void* client;                     // always null
-  uint32_t active;                  // 1 from creation
+  uint32_t config_level;           // bits 0..3: a level, 0 to 6; bit 7: no writer. No gate reads it.
+  uint32_t role;                   // row of qn_log_role_table, 1 to 10
+  qn_log_writer_ops* local_writer; // null if the instance has none
+  void* client;                    // always null
+  uint32_t active;                 // 1 from creation
 };
 
 namespace qn {
@@ -45,7 +46,7 @@ struct LogRecord {
   bool newline;
   bool header;
   const char* biz_name;
-  const char* fault;  // null but for the fault entries
+  const char* fault; // null but for the fault entries
 };
 
 // Builds the record's line in `line`, always terminated. A text that does not fit behind the header is
@@ -60,10 +61,14 @@ int32_t qn_log_write_line(qn_log_t* log, uint32_t level, const char* line);
 // Writes the local time as "MM-DD hh:mm:ss microseconds" and returns the buffer; "-" when there is none.
 const char* qn_time_log_stamp(char* buffer);
 
+// Held over the conversion to local time. The C library has a lock of its own there, which a child of a
+// fork could find locked for ever; whoever forks takes this one first.
+pthread_mutex_t& log_stamp_lock();
+
 // The process's instance, or null. Set and cleared while no other thread logs.
 qn_log_t* qn_log_singleton_get();
 void log_singleton_set(qn_log_t* log);
 
-}  // namespace qn
+} // namespace qn
 
-#endif  // QN_CORE_LOG_H
+#endif // QN_CORE_LOG_H

@@ -46,7 +46,7 @@ __attribute__((format(printf, 2, 0))) void print_record(const LogRecord& record,
   write_record(nullptr, record, fmt, args);
 }
 
-}  // namespace
+} // namespace
 
 qn_log_t* qn_log_singleton_get() { return g_singleton.load(std::memory_order_acquire); }
 
@@ -58,7 +58,7 @@ int32_t qn_log_write_line(qn_log_t* log, uint32_t level, const char* line) {
   return log->local_writer->write(log, level, line, strnlen(line, kLogLineSize - 1));
 }
 
-}  // namespace qn
+} // namespace qn
 
 using qn::LogRecord;
 

@@ -19,7 +19,7 @@ constexpr uint32_t kRoleCount = 11;
 
 // Bits of a gate word. Bit L, for L of 2 to 5, says that a record of level L may pass; where single
 // switches are on all four are set, and what decides is bit kStrictShift + L and the switches.
-constexpr uint32_t kGateAlways = 1u << 0;  // set in every word: levels that no gate is asked about
+constexpr uint32_t kGateAlways = 1u << 0; // set in every word: levels that no gate is asked about
 constexpr uint32_t kGateTrace = 1u << 7;
 constexpr uint32_t kGateConsole = 1u << 8;
 constexpr uint32_t kGateSingles = 1u << 9;
@@ -53,10 +53,26 @@ void log_gate_set_current(uint32_t word);
 uint32_t log_gate_of_role(uint32_t role);
 void log_gate_set_role(uint32_t role, uint32_t word);
 
-// Whether a logid or biz_name is switched on for the role; asked only where kGateSingles is set.
-using SingleSwitch = bool (*)(uint32_t role, uint32_t logid, const char* biz_name);
-void log_gate_set_single_switch(SingleSwitch is_on);
-bool log_gate_single_is_on(uint32_t role, uint32_t logid, const char* biz_name);
+// Which logids and biz_names of a role may be switched on: one bit for each hash. A call site whose bit
+// is clear is off for certain, so that switches for other call sites cost it next to nothing.
+struct SingleFilter {
+  std::atomic<uint64_t> logids{0};
+  std::atomic<uint64_t> biz_names{0};
+};
+
+// Bit of a logid, and of a biz_name; a null name has none.
+constexpr uint64_t filter_bit(uint32_t logid) { return uint64_t{1} << ((logid * 0x9E3779B1u) >> 26); }
+uint64_t filter_bit(const char* biz_name);
+
+void log_gate_set_filter(uint32_t role, uint64_t logids, uint64_t biz_names);
+
+// The documented rule, asked of the maps themselves.
+using ExactRule = bool (*)(uint32_t role, uint32_t logid, const char* biz_name, uint32_t level);
+void log_gate_set_exact_rule(ExactRule rule);
+
+// Whether the filters leave it open that a switch is on, and the exact rule then says that the record
+// passes. Asked only where kGateSingles is set.
+bool log_gate_single_permits(uint32_t role, uint32_t logid, const char* biz_name, uint32_t level);
 
 // Whether a record of this level can pass at all: if not, nothing of it needs to be made.
 inline bool log_may_pass(uint32_t level) { return (log_gate_current() & gate_bit(level)) != 0; }
@@ -67,9 +83,9 @@ inline bool log_gate_permits(uint32_t word, uint32_t role, uint32_t level, uint3
   const uint32_t bit = gate_bit(level);
   if ((word & bit) == 0) return false;
   if ((word & kGateSingles) == 0 || (bit & kGateLevels) == 0) return true;
-  return (word & (bit << kGateStrictShift)) != 0 || log_gate_single_is_on(role, logid, biz_name);
+  return (word & (bit << kGateStrictShift)) != 0 || log_gate_single_permits(role, logid, biz_name, level);
 }
 
-}  // namespace qn
+} // namespace qn
 
-#endif  // QN_CORE_LOG_GATE_H
+#endif // QN_CORE_LOG_GATE_H

@@ -7,6 +7,7 @@
 #include "core/log.h"
 #include "core/log_gate.h"
 #include "platform/bounded_string.h"
+#include "platform/guards.h"
 
 namespace qn {
 
@@ -20,6 +21,8 @@ constexpr LogName qn_log_role_table[kRoleCount] = {
 };
 
 namespace {
+
+constinit pthread_mutex_t g_stamp_lock = PTHREAD_MUTEX_INITIALIZER;
 
 constexpr size_t kLineMax = kLogLineSize - 1;
 constexpr char kNone[] = "-";
@@ -45,7 +48,9 @@ int header_build(char (&line)[kLogLineSize], const LogRecord& record) {
                     letter, module, biz_name);
 }
 
-}  // namespace
+} // namespace
+
+pthread_mutex_t& log_stamp_lock() { return g_stamp_lock; }
 
 const char* qn_time_log_stamp(char* buffer) {
   if (buffer == nullptr) return kNone;
@@ -54,7 +59,10 @@ const char* qn_time_log_stamp(char* buffer) {
   struct tm local = {};
   gettimeofday(&now, nullptr);
   const time_t seconds = now.tv_sec;
-  localtime_r(&seconds, &local);
+  {
+    const MutexGuard guard(g_stamp_lock);
+    localtime_r(&seconds, &local);
+  }
 
   const int length = snprintf_s(buffer, kLogStampSize, kLogStampSize - 1, "%02d-%02d %02d:%02d:%02d %lld",
                                 local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
@@ -82,4 +90,4 @@ void qn_log_line_build(char (&line)[kLogLineSize], const LogRecord& record, cons
   line[length + 1] = '\0';
 }
 
-}  // namespace qn
+} // namespace qn

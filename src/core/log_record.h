@@ -31,6 +31,10 @@ struct Message {
   qn_log_console_impl((message).level, (message).logid, (message).module, 1, (message).biz_name, \
                       (message).text __VA_OPT__(, ) __VA_ARGS__)
 
+#define QN_PRINTLN(message, ...)                                                         \
+  qn_log_println((message).level, (message).logid, (message).module, (message).biz_name, \
+                 (message).text __VA_OPT__(, ) __VA_ARGS__)
+
 // The pair of trace records at the entry and exit of an operation.
 struct Trace {
   const char* module;
@@ -65,6 +69,6 @@ class TraceScope {
   const Trace& trace_;
 };
 
-}  // namespace qn
+} // namespace qn
 
-#endif  // QN_CORE_LOG_RECORD_H
+#endif // QN_CORE_LOG_RECORD_H

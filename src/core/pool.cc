@@ -16,22 +16,22 @@
 namespace {
 
 struct PoolBlock {
-  uint8_t* last;  // first byte not yet handed out
-  uint8_t* end;   // one past the last byte
+  uint8_t* last; // first byte not yet handed out
+  uint8_t* end;  // one past the last byte
   PoolBlock* next;
-  uint32_t failed;  // new blocks added while this one was searched and had a successor
+  uint32_t failed; // new blocks added while this one was searched and had a successor
 };
 
 struct qn_pool_large_t {
   qn_pool_large_t* next;
-  void* alloc;  // null when the record is free for reuse
+  void* alloc; // null when the record is free for reuse
 };
 
-}  // namespace
+} // namespace
 
 struct qn_pool {
   PoolBlock block;
-  uint32_t max;  // largest request served from blocks
+  uint32_t max; // largest request served from blocks
   PoolBlock* current;
   qn_pool_large_t* large;
 };
@@ -48,7 +48,7 @@ constexpr uint32_t kBlockAlignment = 16;
 constexpr uint32_t kPoolAlignment = 4;
 constexpr uint32_t kMaxCap = 4095;
 constexpr uint32_t kDefaultBlockSize = 1024;
-constexpr uint32_t kMissesKept = 4;  // a block with more misses before this one is left behind
+constexpr uint32_t kMissesKept = 4; // a block with more misses before this one is left behind
 constexpr uint32_t kLargeRecordsSearched = 5;
 
 static_assert(sizeof(qn_pool) <= 64);
@@ -143,7 +143,7 @@ void free_large_blocks(const qn_pool& pool) {
   }
 }
 
-}  // namespace
+} // namespace
 
 void* qn::palloc_aligned(qn_pool_t* pool, uint32_t size, uint32_t alignment) {
   return size <= pool->max ? palloc_small(*pool, size, alignment) : alloc_large(*pool, size);

@@ -23,6 +23,6 @@ T* pcalloc_objects(qn_pool_t* pool, uint32_t count) {
   return static_cast<T*>(pcalloc_array(pool, count, sizeof(T), alignof(T)));
 }
 
-}  // namespace qn
+} // namespace qn
 
-#endif  // QN_CORE_POOL_H
+#endif // QN_CORE_POOL_H

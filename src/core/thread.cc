@@ -39,7 +39,7 @@ class StackAttributes {
   bool valid_ = false;
 };
 
-}  // namespace
+} // namespace
 
 int32_t qn_pthread_new(pthread_t* thread, void* (*start_routine)(void*), void* arg) {
   const StackAttributes attributes;

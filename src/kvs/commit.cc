@@ -15,7 +15,7 @@ constexpr Message kSeekFailed{QN_LOG_E, 517, kStoreModule, "kvs_commit",
 constexpr Message kWriteFailed{QN_LOG_E, 518, kStoreModule, "kvs_commit",
                                "sync failed. dbfile=%s, errno=(%d, %s)"};
 
-}  // namespace
+} // namespace
 
 int32_t kvs_seek_start(int32_t fd) { return lseek(fd, 0, SEEK_SET) == 0 ? 0 : -1; }
 
@@ -35,4 +35,4 @@ void kvs_commit(kvstore_t& store) {
   fsync(store.fd);
 }
 
-}  // namespace qn
+} // namespace qn

@@ -30,7 +30,7 @@ static_assert(offsetof(kvs_key_entry_t, key_len) == 32 && offsetof(kvs_key_entry
 static_assert(offsetof(kvs_key_entry_t, value_index_bytes) == 34);
 static_assert(kKeyArea + kKeyCount * sizeof(kvs_key_entry_t) == 17440);
 
-}  // namespace
+} // namespace
 
 const kvs_value_type_t& value_type_of_key_index(uint32_t key_index) {
   const kvs_value_type_t* row = kvs_value_types;
@@ -45,4 +45,4 @@ const kvs_value_type_t* value_type_for_length(uint32_t value_len) {
   return nullptr;
 }
 
-}  // namespace qn
+} // namespace qn

@@ -23,19 +23,19 @@ constexpr uint32_t kDbSize = 131072;
 constexpr size_t kMagicSize = 24;
 constexpr char kMagic[kMagicSize + 1] = "qnkv8deea96c7bc2b089429s";
 constexpr uint8_t kVersion = 1;
-constexpr size_t kHeaderSize = 44;  // read and tested at open; only magic and version have a meaning
+constexpr size_t kHeaderSize = 44; // read and tested at open; only magic and version have a meaning
 constexpr size_t kKeyArea = 10240;
 constexpr size_t kValueArea = 26624;
 constexpr uint32_t kKeyCount = 200;
-constexpr size_t kKeyTextSize = 32;  // with its terminator
+constexpr size_t kKeyTextSize = 32; // with its terminator
 constexpr size_t kValueLenSize = 2;
 constexpr uint32_t kValueTypeCount = 7;
 
 // One entry of the key area. Bytes behind the text's terminator are zero.
 struct kvs_key_entry_t {
   char text[kKeyTextSize];
-  uint8_t key_len;     // 0: the entry is free. A mark first, and a length only at times
-  uint8_t value_type;  // the three bytes below equal what the table gives for the entry's index
+  uint8_t key_len;    // 0: the entry is free. A mark first, and a length only at times
+  uint8_t value_type; // the three bytes below equal what the table gives for the entry's index
   uint8_t value_index_bytes[2];
 
   uint16_t value_index() const {
@@ -50,7 +50,7 @@ struct kvs_key_entry_t {
 struct kvs_value_type_t {
   uint8_t value_type;
   uint16_t slot_size;
-  uint32_t area_offset;  // from the start of the value area
+  uint32_t area_offset; // from the start of the value area
   uint16_t slot_count;
   uint16_t first_key_index;
 
@@ -83,6 +83,6 @@ inline void write_value_len(uint8_t* slot, uint16_t value_len) {
   slot[1] = static_cast<uint8_t>(value_len >> 8);
 }
 
-}  // namespace qn
+} // namespace qn
 
-#endif  // QN_KVS_FORMAT_H
+#endif // QN_KVS_FORMAT_H

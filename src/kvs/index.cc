@@ -63,7 +63,7 @@ void index_key(kvstore_t& store, uint32_t key_index) {
   kvs_index_insert(store, entry);
 }
 
-}  // namespace
+} // namespace
 
 // Texts are zero-padded to their full width, so four words decide as strncmp() would.
 int kvs_key_compare(const void* left, const void* right) {
@@ -87,4 +87,4 @@ void qn_kvs_build_indexs(kvstore_t& store) {
   kvs_commit(store);
 }
 
-}  // namespace qn
+} // namespace qn

@@ -32,14 +32,14 @@ struct kvs_node_t {
 };
 
 struct kvstore {
-  qn_pool_t* pool;  // borrowed
+  qn_pool_t* pool; // borrowed
   uint8_t* db_addr;
   char dbfile[640];
   int32_t fd;
   pthread_spinlock_t lock;
-  pthread_rwlock_t* rwlocks;  // by value_type
+  pthread_rwlock_t* rwlocks; // by value_type
   void* index_root;
-  kvs_list_t* lists;  // 0 to 6: the free lists by value_type; 7: the busy list
+  kvs_list_t* lists; // 0 to 6: the free lists by value_type; 7: the busy list
   pthread_mutex_t mutex;
 };
 
@@ -69,6 +69,6 @@ void kvs_index_insert(kvstore_t& store, kvs_key_entry_t& entry);
 // Makes a node for each slot, sorts them into the lists, enters the busy keys into the tree and commits.
 void qn_kvs_build_indexs(kvstore_t& store);
 
-}  // namespace qn
+} // namespace qn
 
-#endif  // QN_KVS_KVSTORE_H
+#endif // QN_KVS_KVSTORE_H

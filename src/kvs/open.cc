@@ -61,9 +61,9 @@ constexpr Trace kTraceCreate{kStoreModule, "qn_kvs_create_and_open_dbfile", 458,
                              462,          "create_and_open_dbfile"};
 
 constexpr mode_t kFileMode = 0600;
-constexpr size_t kPathSize = 639;  // one byte less than `dbfile`: a path has at most 638 bytes
+constexpr size_t kPathSize = 639; // one byte less than `dbfile`: a path has at most 638 bytes
 
-void keep_key(void*) {}  // the keys lie in the image
+void keep_key(void*) {} // the keys lie in the image
 
 // Releases whatever has been made of a store; a part that was not made is null or -1.
 struct StoreClose {
@@ -109,6 +109,7 @@ int32_t make_directories(const char* dbfile) {
     QN_LOG(kPathCopyFailed);
     return -1;
   }
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): works on the copy above
   if (const char* const directory = dirname(path)) qn_os_exec_vcmd("mkdir -p %s", directory);
   return 0;
 }
@@ -237,8 +238,8 @@ int32_t make_lists(kvstore_t& store) {
   return 0;
 }
 
-}  // namespace
-}  // namespace qn
+} // namespace
+} // namespace qn
 
 int32_t qn_kvs_open(kvstore_t** store, qn_pool_t* pool, const char* path) {
   if (store == nullptr || pool == nullptr || path == nullptr) {

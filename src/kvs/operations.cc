@@ -85,11 +85,11 @@ constexpr Trace kTraceGet{kStoreModule, "qn_kvs_get", 507, kGet, 515, kGet};
 constexpr Trace kTracePut{kStoreModule, "qn_kvs_put", 490, kPut, 493, kPut};
 constexpr Trace kTraceDelete{kStoreModule, "qn_kvs_delete", 501, kDelete, 505, kDelete};
 
-constexpr int kPrintedMax = 2046;  // what the messages name as the limit
+constexpr int kPrintedMax = 2046; // what the messages name as the limit
 constexpr uint32_t kAlignment = 16;
 constexpr size_t kFmtBufferSize = 2046;
 constexpr size_t kFmtTextSize = QN_KVS_TEXT_MAX + 1;
-constexpr uint8_t kMovedKeyLen = QN_KVS_KEY_MAX;  // `key_len` of every entry that an update has moved
+constexpr uint8_t kMovedKeyLen = QN_KVS_KEY_MAX; // `key_len` of every entry that an update has moved
 
 uint8_t* slot_of(const kvstore_t& store, const kvs_key_entry_t& entry) {
   return value_slot(store.db_addr, entry.value_type, entry.value_index());
@@ -258,8 +258,8 @@ int32_t put_locked(kvstore_t& store, const qn_str_t& key, const kvs_value_type_t
   return update_not_in_place(store, *entry, type, value);
 }
 
-}  // namespace
-}  // namespace qn
+} // namespace
+} // namespace qn
 
 int32_t qn_kvs_get(kvstore_t* store, const qn_str_t* key, void** value, uint16_t* value_len) {
   using namespace qn;

@@ -74,4 +74,4 @@ __attribute__((format(printf, 3, 0))) inline int vsprintf_s(char* dest, size_t d
   return length;
 }
 
-#endif  // QN_PLATFORM_BOUNDED_STRING_H
+#endif // QN_PLATFORM_BOUNDED_STRING_H

@@ -27,6 +27,6 @@ class ErrorText {
   const char* text_;
 };
 
-}  // namespace qn
+} // namespace qn
 
-#endif  // QN_PLATFORM_ERROR_TEXT_H
+#endif // QN_PLATFORM_ERROR_TEXT_H

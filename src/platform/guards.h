@@ -57,6 +57,6 @@ using MutexGuard = ScopedLock<pthread_mutex_t, pthread_mutex_lock, pthread_mutex
 using SpinGuard = ScopedLock<pthread_spinlock_t, pthread_spin_lock, pthread_spin_unlock>;
 using WriteGuard = ScopedLock<pthread_rwlock_t, pthread_rwlock_wrlock, pthread_rwlock_unlock>;
 
-}  // namespace qn
+} // namespace qn
 
-#endif  // QN_PLATFORM_GUARDS_H
+#endif // QN_PLATFORM_GUARDS_H

@@ -71,7 +71,7 @@ constexpr Message kSent{QN_LOG_D, 566, kModule, "service_send_response",
 
 constexpr uint32_t kHeaderSize = sizeof(qn_msg_hdr_t);
 constexpr uint32_t kDumpCap = 32;
-constexpr uint32_t kTriesEnd = 5;  // the fifth try gives up before it writes
+constexpr uint32_t kTriesEnd = 5; // the fifth try gives up before it writes
 constexpr useconds_t kRetryDelayUs = 10000;
 constexpr int32_t kNoMemory = -2;
 
@@ -211,7 +211,7 @@ int32_t qn_service_send_response(int32_t fd, const qn_msg_hdr_t& request, const 
   return qn_service_safe_send_msg_body(fd, message.get(), size);
 }
 
-}  // namespace
+} // namespace
 
 int32_t qn_service_process_msg(int32_t fd, uint16_t /*flags*/, void* arg) {
   const qn_service_t& service = *static_cast<const qn_service_t*>(arg);

@@ -16,11 +16,11 @@ constexpr Message kFormatFailed{QN_LOG_E, 587, "qn_service", "qn_service_make_er
                                 "vsprintf_s failed, fmt:%s"};
 
 constexpr uint32_t kCodeSize = 4;
-constexpr uint32_t kTextSize = 128;  // with its terminator
+constexpr uint32_t kTextSize = 128; // with its terminator
 constexpr uint32_t kBlockSize = kCodeSize + kTextSize + 1;
 constexpr int32_t kNoMemory = -4;
 
-}  // namespace
+} // namespace
 
 int32_t qn_service_make_error_msg(uint32_t code, void** rsp_body, uint32_t* rsp_len, const char* fmt,
                                   ...) {

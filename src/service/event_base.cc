@@ -63,7 +63,7 @@ constexpr Trace kTraceProcess{
     kModule, "qn_event_process_active_events", 426, "process_active", 429, "process_active"};
 
 constexpr int32_t kFirstCapacity = 64;
-constexpr int32_t kLastCapacity = 2048;  // a wait that fills it leaves it as it is
+constexpr int32_t kLastCapacity = 2048; // a wait that fills it leaves it as it is
 constexpr int32_t kDispatchError = -17;
 constexpr uint64_t kTimerCallsMax = 5;
 constexpr uint32_t kFirstTableSize = 64;
@@ -292,7 +292,7 @@ void release_events(qn_ev_base_t& base) {
   }
 }
 
-}  // namespace
+} // namespace
 
 qn_ev_base_t* qn_ev_base_new(qn_cycle_t* cycle) {
   if (cycle == nullptr) {

@@ -22,17 +22,17 @@
 #include "container/list.h"
 
 // Flags of `events` and of a callback's result flags.
-constexpr uint16_t QN_EV_READ = 0x01;     // watch for input; input is ready
-constexpr uint16_t QN_EV_WRITE = 0x02;    // watch for room; writing is possible
-constexpr uint16_t QN_EV_PERSIST = 0x10;  // stays registered after it has fired
+constexpr uint16_t QN_EV_READ = 0x01;    // watch for input; input is ready
+constexpr uint16_t QN_EV_WRITE = 0x02;   // watch for room; writing is possible
+constexpr uint16_t QN_EV_PERSIST = 0x10; // stays registered after it has fired
 constexpr uint16_t QN_EV_TIMER = 0x20;  // the descriptor yields an 8-byte expiry count, as a timerfd does
-constexpr uint16_t QN_EV_CLOSED = 0x40;  // result only: the peer has closed
+constexpr uint16_t QN_EV_CLOSED = 0x40; // result only: the peer has closed
 
 // Bits of an event's status.
-constexpr uint32_t QN_EV_STATUS_INSERTED = 1;  // on the base's list and known to epoll
-constexpr uint32_t QN_EV_STATUS_ACTIVE = 2;    // ready and not yet processed
-constexpr uint32_t QN_EV_STATUS_DELETED = 64;  // off both lists, out of epoll
-constexpr uint32_t QN_EV_STATUS_INIT = 128;    // just created, never added
+constexpr uint32_t QN_EV_STATUS_INSERTED = 1; // on the base's list and known to epoll
+constexpr uint32_t QN_EV_STATUS_ACTIVE = 2;   // ready and not yet processed
+constexpr uint32_t QN_EV_STATUS_DELETED = 64; // off both lists, out of epoll
+constexpr uint32_t QN_EV_STATUS_INIT = 128;   // just created, never added
 
 // From a callback: the peer has closed, give the event up. Every other result is ignored.
 constexpr int32_t QN_EV_PEER_CLOSED = -20;
@@ -42,34 +42,34 @@ using qn_ev_callback_t = int32_t (*)(int32_t fd, uint16_t flags, void* arg);
 struct qn_ev_base_t;
 
 struct qn_event_t {
-  qn::ListLink list_link;    // on the base's event_list
-  qn::ListLink active_link;  // on the base's active_list
+  qn::ListLink list_link;   // on the base's event_list
+  qn::ListLink active_link; // on the base's active_list
   qn_ev_base_t* base;
-  int32_t fd;  // owned: qn_event_free() closes it
+  int32_t fd; // owned: qn_event_free() closes it
   uint16_t events;
   qn_ev_callback_t callback;
   void* arg;
-  uint32_t res;  // result flags of the pending activation
+  uint32_t res; // result flags of the pending activation
   uint32_t status;
-  qn_event_t* next_same_fd;  // registered later on the same descriptor
+  qn_event_t* next_same_fd; // registered later on the same descriptor
 };
 
 struct qn_epoll_op_t {
   epoll_event* events;
-  int32_t nevents;  // capacity of `events`
+  int32_t nevents; // capacity of `events`
   int32_t epfd;
 };
 
 struct qn_ev_base_t {
   qn_cycle_t* cycle;
-  uint8_t ev_running;      // 1 while the loop is to go on; cleared from any thread
-  uint8_t ev_event_break;  // 0 ends the current batch of callbacks
+  uint8_t ev_running;     // 1 while the loop is to go on; cleared from any thread
+  uint8_t ev_event_break; // 0 ends the current batch of callbacks
   qn_epoll_op_t epoll_op;
-  qn::ListLink active_list;  // in order of arrival
+  qn::ListLink active_list; // in order of arrival
   int32_t event_count;
   int32_t event_count_active;
-  qn::ListLink event_list;  // in order of registration
-  qn_event_t** by_fd;       // first registered event of each descriptor below by_fd_size
+  qn::ListLink event_list; // in order of registration
+  qn_event_t** by_fd;      // first registered event of each descriptor below by_fd_size
   uint32_t by_fd_size;
 };
 
@@ -103,4 +103,4 @@ void qn_event_del(qn_event_t* event);
 // Closes the event's descriptor and releases the record, which must be off its base. Null is ignored.
 void qn_event_free(qn_event_t* event);
 
-#endif  // QN_SERVICE_EVENT_BASE_H
+#endif // QN_SERVICE_EVENT_BASE_H

@@ -131,7 +131,7 @@ void* qn_service_loop(void* arg) {
   return nullptr;
 }
 
-}  // namespace
+} // namespace
 
 int32_t qn_service_start_with_thread(qn_cycle_t* cycle, const qn_service_conf_t* conf,
                                      const qn_apis_t* apis, pthread_t* thread) {

@@ -9,7 +9,7 @@
 struct qn_service {
   qn_cycle_t* cycle;
   const qn_apis_t* apis;
-  qn_ev_base_t* base;  // null until the thread has made it and after the end
+  qn_ev_base_t* base; // null until the thread has made it and after the end
   const qn_service_conf_t* conf;
 };
 
@@ -18,4 +18,4 @@ struct qn_service {
 // failed send; -2 when memory for the response is short.
 int32_t qn_service_process_msg(int32_t fd, uint16_t flags, void* arg);
 
-#endif  // QN_SERVICE_SERVICE_H
+#endif // QN_SERVICE_SERVICE_H

@@ -59,7 +59,7 @@ constexpr Trace kTraceServer{
 constexpr Trace kTraceClient{kModule, "qn_sock_connect_unix_socket_server", 545, "connect_uds",
                              550,     "connect_unix_socket_server"};
 
-constexpr size_t kPathSize = QN_SOCK_PATH_MAX + 1;  // one byte less than the address has room for
+constexpr size_t kPathSize = QN_SOCK_PATH_MAX + 1; // one byte less than the address has room for
 constexpr unsigned kRetryDelaySeconds = 1;
 
 static_assert(sizeof(sockaddr_un) == 110 && offsetof(sockaddr_un, sun_path) == 2);
@@ -97,7 +97,7 @@ int connect_with_grace(int fd, const sockaddr_un& address) {
   if (connect(fd, as_sockaddr(address), sizeof(address)) == 0) return 0;
   const int error = errno;
   if (error != ENOENT) return error;
-  sleep(kRetryDelaySeconds);
+  sleep(kRetryDelaySeconds); // NOLINT(concurrency-mt-unsafe): uses no alarm on Linux
   return connect(fd, as_sockaddr(address), sizeof(address)) == 0 ? 0 : error;
 }
 
@@ -108,7 +108,7 @@ bool set_timeout(int32_t fd, int option, uint32_t seconds, uint32_t microseconds
   return setsockopt(fd, SOL_SOCKET, option, &timeout, sizeof(timeout)) == 0;
 }
 
-}  // namespace
+} // namespace
 
 int32_t qn_sock_safe_read(int32_t fd, void* buf, uint32_t len, uint32_t* bytes_read) {
   uint8_t* const bytes = static_cast<uint8_t*>(buf);

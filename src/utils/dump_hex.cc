@@ -23,7 +23,7 @@ constexpr Message kEnd{QN_LOG_D, 610, kModule, kBizName, "------------ Dump hex 
 constexpr uint32_t kCap = 32;
 constexpr uint32_t kElementsPerLine = 8;
 constexpr size_t kElementSize = 8;
-constexpr size_t kLineSize = (kElementsPerLine + 1) * kElementSize + 1;  // the first line has one more
+constexpr size_t kLineSize = (kElementsPerLine + 1) * kElementSize + 1; // the first line has one more
 
 // "0x41(A) "; a NUL shows as the digit 0, every other byte as itself.
 void format_element(uint8_t byte, char* out) {
@@ -46,7 +46,7 @@ bool any_line_passes() {
   return false;
 }
 
-}  // namespace
+} // namespace
 
 void qn_utils_dump_hex(const void* bytes, uint32_t length, int32_t capped) {
   if (!any_line_passes()) return;

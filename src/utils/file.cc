@@ -16,7 +16,7 @@ bool file_mtime(const char* path, int64_t* seconds) {
   return true;
 }
 
-}  // namespace
+} // namespace
 
 int32_t qn_file_is_exist(const char* path) {
   int64_t seconds = 0;

@@ -7,7 +7,7 @@ namespace {
 
 constexpr bool is_base(int32_t base) { return base == 0 || (base >= 2 && base <= 36); }
 
-}  // namespace
+} // namespace
 
 int32_t qn_str2num(const char* text, int32_t base) {
   if (text == nullptr || !is_base(base)) return 0;

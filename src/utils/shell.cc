@@ -35,7 +35,7 @@ constexpr Message kValueReadFailed{QN_LOG_E, 4143, kModule, "qn_os_read_value_by
                                    "fgets failed"};
 
 constexpr size_t kCommandSize = 512;
-constexpr int kSignalMask = 0x7F;  // low bits of a wait status: the signal that ended the child
+constexpr int kSignalMask = 0x7F; // low bits of a wait status: the signal that ended the child
 
 // The output of a command line. The end of the scope waits for the command.
 class CommandOutput {
@@ -69,7 +69,7 @@ bool wait_for(pid_t child, int* status) {
   return true;
 }
 
-}  // namespace
+} // namespace
 
 int32_t qn_os_exec_cmd(const char* cmd) {
   if (cmd == nullptr) return -1;

@@ -7,7 +7,7 @@ namespace {
 
 constexpr bool is_white_space(char byte) { return byte == ' ' || (byte >= '\t' && byte <= '\r'); }
 
-}  // namespace
+} // namespace
 
 char* qn_utils_ltrim(char* text) {
   if (text == nullptr) return nullptr;

@@ -33,8 +33,8 @@ TEST(Cycle, StartsEmptyInAPoolOfItsOwn) {
 
 TEST(Apis, TheFirstRowThatFitsServesAMessage) {
   qn_api_entry_t rows[] = {
-      {0x0000, 1, serve, nullptr},    // switched off by its mask
-      {0x0003, 1, nullptr, nullptr},  // switched off by its handler
+      {0x0000, 1, serve, nullptr},   // switched off by its mask
+      {0x0003, 1, nullptr, nullptr}, // switched off by its handler
       {0x0002, 1, serve, nullptr},   {0x0003, 1, serve, nullptr}, {0x8000, 255, serve, nullptr},
   };
   qn_apis_t apis = {static_cast<uint16_t>(std::size(rows)), rows};
@@ -55,7 +55,7 @@ TEST(Apis, TheFirstRowThatFitsServesAMessage) {
 
 TEST(Apis, InjectCopiesTheRowsForOneInstance) {
   qn_pool_t* const pool = qn_pool_create(4096);
-  qn_palloc(pool, 1);  // what follows must still be aligned for pointers
+  qn_palloc(pool, 1); // what follows must still be aligned for pointers
   const qn_api_entry_t rows[] = {{1, 1, serve, nullptr}, {2, 2, serve, nullptr}};
   int instance = 0;
   qn_api_entry_t* const copy = qn_service_inject_instance(pool, rows, 2, &instance);
@@ -73,4 +73,4 @@ TEST(Apis, InjectCopiesTheRowsForOneInstance) {
   qn_pool_free(pool);
 }
 
-}  // namespace
+} // namespace

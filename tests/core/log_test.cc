@@ -80,7 +80,7 @@ TEST(LogLine, AHeaderThatFillsTheLineKeepsItsTerminator) {
 TEST(LogStamp, IsLocalTimeWithUnfilledMicroseconds) {
   EXPECT_STREQ("-", qn::qn_time_log_stamp(nullptr));
   char stamp[qn::kLogStampSize];
-  setenv("TZ", "XYZ-11", 1);  // eleven hours east, so that UTC would be noticed
+  setenv("TZ", "XYZ-11", 1); // eleven hours east, so that UTC would be noticed
   tzset();
   const time_t before = time(nullptr);
   EXPECT_EQ(stamp, qn::qn_time_log_stamp(stamp));
@@ -149,11 +149,12 @@ TEST(LogGate, WordsSayWhatTheRuleSays) {
       const bool by_level = asked ? global && level <= row : level != 64 || trace;
       EXPECT_EQ(by_level, qn::log_gate_permits(word, 2, level, 7, "b"));
       if (!single) continue;
-      qn::log_gate_set_single_switch([](uint32_t, uint32_t logid, const char*) { return logid == 7; });
+      qn::log_gate_set_filter(2, qn::filter_bit(7u), 0);
+      qn::log_gate_set_exact_rule(
+          [](uint32_t, uint32_t logid, const char*, uint32_t) { return logid == 7; });
       const uint32_t singles = qn::make_gate(row, global, console, trace, true);
       EXPECT_EQ(by_level || asked, qn::log_gate_permits(singles, 2, level, 7, "b"));
       EXPECT_EQ(by_level, qn::log_gate_permits(singles, 2, level, 8, "b"));
-      qn::log_gate_set_single_switch(nullptr);
     }
   }
 }
@@ -179,4 +180,4 @@ TEST(LogGate, AClosedGateStopsRecordsWithTheDocumentedResults) {
   qn::log_singleton_set(nullptr);
 }
 
-}  // namespace
+} // namespace

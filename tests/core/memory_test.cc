@@ -153,7 +153,7 @@ TEST(Pool, ReusesOneOfTheFirstFiveLargeRecords) {
 // leaves the path with the sixth counted miss; a request that only the head has room for shows it.
 TEST(Pool, ABlockLeavesTheSearchPathAtItsSixthMiss) {
   constexpr uint32_t kBlock = 256;
-  constexpr uint32_t kBig = kBlock - kHeadSize;  // fills a head but for nothing, a later block but for 24
+  constexpr uint32_t kBig = kBlock - kHeadSize; // fills a head but for nothing, a later block but for 24
   for (int blocks_added = 6; blocks_added <= 8; blocks_added++) {
     SCOPED_TRACE(blocks_added);
     const StderrCapture capture;
@@ -183,4 +183,4 @@ TEST(Pool, ResetKeepsTheBlocksAndGivesUpLargeOnes) {
   EXPECT_EQ(made, capture.records(525).size()) << "no block was added";
 }
 
-}  // namespace
+} // namespace

@@ -42,4 +42,4 @@ TEST(Thread, DetachesOnce) {
   pthread_mutex_destroy(&gate);
 }
 
-}  // namespace
+} // namespace

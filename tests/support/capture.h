@@ -46,4 +46,4 @@ class StderrCapture {
   int original_;
 };
 
-#endif  // TESTS_SUPPORT_CAPTURE_H
+#endif // TESTS_SUPPORT_CAPTURE_H

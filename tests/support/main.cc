@@ -39,7 +39,7 @@ class LeakListener : public testing::EmptyTestEventListener {
   std::set<int> before_;
 };
 
-}  // namespace
+} // namespace
 
 int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);

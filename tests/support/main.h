@@ -7,4 +7,4 @@
 std::set<int> open_descriptors();
 void close_descriptors_not_in(const std::set<int>& kept);
 
-#endif  // TESTS_SUPPORT_MAIN_H
+#endif // TESTS_SUPPORT_MAIN_H

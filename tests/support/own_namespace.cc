@@ -55,7 +55,7 @@ int run(const std::function<void()>& body) {
   return testing::Test::HasFailure() ? 1 : 0;
 }
 
-}  // namespace
+} // namespace
 
 void in_own_namespace(const std::function<void()>& body) {
   fflush(nullptr);

@@ -9,4 +9,4 @@
 // in it, or its death, fails the calling test. Skips the test where the kernel allows no namespace.
 void in_own_namespace(const std::function<void()>& body);
 
-#endif  // TESTS_SUPPORT_OWN_NAMESPACE_H
+#endif // TESTS_SUPPORT_OWN_NAMESPACE_H

@@ -22,4 +22,4 @@ class TempDir {
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& bytes);
 
-#endif  // TESTS_SUPPORT_TEMP_DIR_H
+#endif // TESTS_SUPPORT_TEMP_DIR_H

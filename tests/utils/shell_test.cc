@@ -135,4 +135,4 @@ TEST(InitDir, MakesTheRunTimeDirectoriesAndAcceptsThemLater) {
   });
 }
 
-}  // namespace
+} // namespace

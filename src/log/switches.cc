@@ -1,0 +1,170 @@
+// Changing permissions while the process runs.
+#include <quillcore/log.h>
+
+#include <cstdint>
+#include <cstring>
+
+#include "core/log_record.h"
+#include "log/permission.h"
+#include "log/permission_key.h"
+#include "platform/guards.h"
+
+namespace {
+
+using qn::Message;
+using qn::PermissionKey;
+
+constexpr char kModule[] = "log_permit";
+constexpr char kLogid[] = "qn_log_set_permission_for_logid";
+constexpr char kBizName[] = "qn_log_set_permission_for_biz_name";
+constexpr char kConsole[] = "qn_log_set_permission_for_console";
+constexpr char kTrace[] = "qn_log_set_permission_for_trace";
+constexpr char kLevel[] = "qn_log_set_permission_for_level";
+
+constexpr Message kSetLogid{QN_LOG_I, 0, kModule, kLogid, "set log role=%s logid=%d."};
+constexpr Message kLogidPermit{QN_LOG_E, 0, kModule, kLogid, "permit error. set log role=%s logid=%d."};
+constexpr Message kLogidKey{QN_LOG_E, 0, kModule, kLogid, "snprintf_s failed. set log role=%s logid=%d."};
+constexpr Message kSetBizName{QN_LOG_I, 0, kModule, kBizName, "set log role=%s biz_name=%s permit=%s."};
+constexpr Message kBizNamePermit{QN_LOG_E, 0, kModule, kBizName,
+                                 "permit error. set log role=%s biz_name=%s permit=%s failed."};
+constexpr Message kBizNameKey{QN_LOG_E, 0, kModule, kBizName,
+                              "snprintf_s failed. set log role=%s biz_name=%s permit=%s."};
+constexpr Message kSetConsole{QN_LOG_I, 0, kModule, kConsole, "set log role=%s console_permit=%s."};
+constexpr Message kConsolePermit{QN_LOG_E, 0, kModule, kConsole,
+                                 "permit error. set log role=%s console_permit=%s."};
+constexpr Message kConsoleKey{QN_LOG_E, 0, kModule, kConsole,
+                              "snprintf_s failed. set log role=%s console_permit=%s."};
+constexpr Message kSetTrace{QN_LOG_I, 0, kModule, kTrace, "set log role=%s trace_permit=%s."};
+constexpr Message kTracePermit{QN_LOG_E, 0, kModule, kTrace,
+                               "permit error. set log role=%s trace_permit=%s."};
+constexpr Message kTraceKey{QN_LOG_E, 0, kModule, kTrace,
+                            "snprintf_s failed. set log role=%s trace_permit=%s."};
+constexpr Message kSetLevel{QN_LOG_I, 0, kModule, kLevel, "set log role=%s level=%s."};
+constexpr Message kLevelKey{QN_LOG_E, 0, kModule, kLevel, "snprintf_s failed. set log role=%s level=%s."};
+constexpr Message kConfigFailed{QN_LOG_E, 0, kModule, "qn_log_set_log_permit_config", "config failed."};
+
+constexpr char kOn[] = "on";
+constexpr char kOff[] = "off";
+
+bool is_on_or_off(const char* text) { return strcmp(text, kOn) == 0 || strcmp(text, kOff) == 0; }
+
+template <size_t size>
+bool is_terminated(const char (&text)[size]) {
+  return strnlen(text, size) < size;
+}
+
+bool texts_are_terminated(const qn_log_permit_config_t& config) {
+  return is_terminated(config.role) && is_terminated(config.level) && is_terminated(config.permit) &&
+         is_terminated(config.biz_name) && is_terminated(config.console_permit) &&
+         is_terminated(config.trace_permit);
+}
+
+// "off" takes a single switch away; taking away what was not on is a failure.
+int32_t switch_single(const PermissionKey& key, const char* permit, qn_map_t* user_configs) {
+  return strcmp(permit, kOn) == 0 ? qn_map_set(key.text(), kOn, user_configs)
+                                  : qn_map_remove(key.text(), user_configs);
+}
+
+int32_t qn_log_set_permission_for_level(const qn_log_permit_config_t& config,
+                                        const qn::PermissionMaps& maps) {
+  QN_PRINTLN(kSetLevel, config.role, config.level);
+  const PermissionKey key(config.role, qn::kKeyLevel);
+  if (!key.fits()) {
+    QN_PRINTLN(kLevelKey, config.role, config.level);
+    return -1;
+  }
+  return qn_map_set(key.text(), config.level, maps.configs);
+}
+
+int32_t qn_log_set_permission_for_biz_name(const qn_log_permit_config_t& config,
+                                           const qn::PermissionMaps& maps) {
+  QN_PRINTLN(kSetBizName, config.role, config.biz_name, config.permit);
+  const PermissionKey key(config.role, qn::kKeyBiz, config.biz_name);
+  if (!key.fits()) {
+    QN_PRINTLN(kBizNameKey, config.role, config.biz_name, config.permit);
+    return -1;
+  }
+  if (!is_on_or_off(config.permit)) {
+    QN_PRINTLN(kBizNamePermit, config.role, config.biz_name, config.permit);
+    return -1;
+  }
+  return switch_single(key, config.permit, maps.user_configs);
+}
+
+int32_t qn_log_set_permission_for_logid(const qn_log_permit_config_t& config,
+                                        const qn::PermissionMaps& maps) {
+  QN_PRINTLN(kSetLogid, config.role, config.logid);
+  const PermissionKey key(config.role, config.logid);
+  if (!key.fits()) {
+    QN_PRINTLN(kLogidKey, config.role, config.logid);
+    return -1;
+  }
+  if (!is_on_or_off(config.permit)) {
+    QN_PRINTLN(kLogidPermit, config.role, config.logid);
+    return -1;
+  }
+  return switch_single(key, config.permit, maps.user_configs);
+}
+
+int32_t qn_log_set_permission_for_console(const qn_log_permit_config_t& config,
+                                          const qn::PermissionMaps& maps) {
+  QN_PRINTLN(kSetConsole, config.role, config.console_permit);
+  const PermissionKey key(config.role, qn::kKeyConsole);
+  if (!key.fits()) {
+    QN_PRINTLN(kConsoleKey, config.role, config.console_permit);
+    return -1;
+  }
+  if (!is_on_or_off(config.console_permit)) {
+    QN_PRINTLN(kConsolePermit, config.role, config.console_permit);
+    return -1;
+  }
+  return qn_map_set(key.text(), config.console_permit, maps.configs);
+}
+
+int32_t qn_log_set_permission_for_trace(const qn_log_permit_config_t& config,
+                                        const qn::PermissionMaps& maps) {
+  QN_PRINTLN(kSetTrace, config.role, config.trace_permit);
+  const PermissionKey key(config.role, qn::kKeyTrace);
+  if (!key.fits()) {
+    QN_PRINTLN(kTraceKey, config.role, config.trace_permit);
+    return -1;
+  }
+  if (!is_on_or_off(config.trace_permit)) {
+    QN_PRINTLN(kTracePermit, config.role, config.trace_permit);
+    return -1;
+  }
+  return qn_map_set(key.text(), config.trace_permit, maps.configs);
+}
+
+constexpr struct {
+  uint32_t bit;
+  int32_t (*set)(const qn_log_permit_config_t& config, const qn::PermissionMaps& maps);
+} kSteps[] = {
+    {QN_LOG_PERMIT_LEVEL, qn_log_set_permission_for_level},
+    {QN_LOG_PERMIT_BIZ, qn_log_set_permission_for_biz_name},
+    {QN_LOG_PERMIT_LOGID, qn_log_set_permission_for_logid},
+    {QN_LOG_PERMIT_CONSOLE, qn_log_set_permission_for_console},
+    {QN_LOG_PERMIT_TRACE, qn_log_set_permission_for_trace},
+};
+
+// A failed step does not stop the later ones.
+int32_t run_steps(const qn_log_permit_config_t& config) {
+  const qn::MutexGuard guard(qn::permission_change_lock());
+  const qn::PermissionMaps maps = qn::permission_maps();
+  if (maps.configs == nullptr || maps.user_configs == nullptr) return config.mask != 0 ? -1 : 0;
+  int32_t result = 0;
+  for (const auto& step : kSteps) {
+    if ((config.mask & step.bit) != 0) result |= step.set(config, maps);
+  }
+  qn::log_gates_refresh();
+  return result;
+}
+
+} // namespace
+
+int32_t qn_log_set_log_permit_config(const qn_log_permit_config_t* config) {
+  if (config != nullptr && config->reset != 0) return qn_log_reset_permission();
+  if (config != nullptr && texts_are_terminated(*config) && run_steps(*config) == 0) return 0;
+  QN_LOG(kConfigFailed);
+  return -1;
+}
