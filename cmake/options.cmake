@@ -29,3 +29,5 @@ if(QUILL_SANITIZE)
     add_compile_options(-fno-sanitize-recover=all -fno-sanitize=vptr)
   endif()
 endif()
+
+include(${CMAKE_CURRENT_LIST_DIR}/bus.cmake)

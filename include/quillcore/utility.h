@@ -1,4 +1,4 @@
-// Utilities: text, hexadecimal dumps, numbers, shell commands, files.
+// Utilities: text, hexadecimal dumps, numbers, shell commands, files, random keys, MAC addresses, time.
 //
 // White space is the six bytes blank, \t, \n, \v, \f and \r, whatever the locale.
 //
@@ -72,6 +72,38 @@ QN_API int32_t qn_file_is_modified(const char* path, int64_t mtime);
 // Returns the file's modification time in whole seconds since the epoch; 0 for null and when the file
 // cannot be asked.
 QN_API int64_t qn_file_get_last_mtime(const char* path);
+
+// Opens /dev/random. Returns a descriptor that the caller gives to qn_random_close(), or -1.
+QN_API int32_t qn_random_open(void);
+
+// Closes a descriptor above 0; others are ignored.
+QN_API void qn_random_close(int32_t fd);
+
+// Returns the number that the next four bytes of `fd` make; bytes that do not come are 0.
+QN_API uint32_t qn_random_get_num(int32_t fd);
+
+// Fills `key`, a buffer of length + 1 bytes, with `length` random characters out of a-z, A-Z and 0-9 and
+// a terminator. When the random device cannot be opened or read all bytes are zero: an empty text, never
+// a key that can be guessed. A read can wait where the kernel has little entropy.
+QN_API void qn_generate_random_key(char* key, uint32_t length);
+
+// Reads a MAC address of exactly the form 02:1a:2B:3c:4D:5e, digits in either case, into six bytes.
+// Returns 0; -1 for a null argument and any other text, and then the bytes read before the fault are set.
+QN_API int32_t qn_utils_char_to_mac(const char* text, uint8_t* mac);
+
+// Reads the hardware address of an interface into six bytes. A name is cut to 15 bytes.
+// Returns 0; -1 for a null argument and when the kernel does not tell; `mac` stays as it was then.
+QN_API int32_t qn_utils_get_intf_mac_addr(const char* intf_name, uint8_t* mac);
+
+// Returns milliseconds of the monotonic clock: for differences, not for dates. 0 if it cannot be read.
+QN_API int64_t qn_time_timestamp(void);
+
+// Translate an authentication code of the cm or the wlan numbering into bits of the Authentication Type
+// attribute of Wi-Fi Simple Configuration: 0x01 Open, 0x02 WPA-Personal, 0x04 Shared, 0x08
+// WPA-Enterprise, 0x10 WPA2-Enterprise, 0x20 WPA2-Personal, and 0x40. A code outside the numbering gives
+// 0x20.
+QN_API uint32_t qn_trans_cm_auth_mode_to_qn(uint32_t auth_mode);
+QN_API uint32_t qn_trans_wlan_auth_to_qn(uint32_t auth);
 
 QN_END_DECLS
 

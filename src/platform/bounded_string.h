@@ -74,4 +74,13 @@ __attribute__((format(printf, 3, 0))) inline int vsprintf_s(char* dest, size_t d
   return length;
 }
 
+// As fscanf(); no conversion of text is used with it, which would need a size.
+__attribute__((format(scanf, 2, 3))) inline int fscanf_s(FILE* stream, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  const int count = vfscanf(stream, format, args);
+  va_end(args);
+  return count;
+}
+
 #endif // QN_PLATFORM_BOUNDED_STRING_H

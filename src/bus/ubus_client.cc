@@ -1,0 +1,318 @@
+// The bus client: tables filled by the process, one thread that serves them.
+//
+// Life of the thread: connect, subscribe, run the business handlers once, serve until the loop ends. A
+// lost connection is repaired from inside the loop.
+#include <libubus.h>
+
+#include <pthread.h>
+#include <quillcore/bus.h>
+
+#include <csignal>
+#include <cstddef>
+
+#include "core/log_record.h"
+#include "platform/bounded_string.h"
+
+namespace {
+
+using qn::Message;
+
+constexpr char kModule[] = "qn_ubus";
+constexpr char kAddHandler[] = "qn_ubus_add_handler";
+constexpr char kAddEvent[] = "qn_ubus_add_event_handler";
+constexpr char kStart[] = "qn_ubus_start";
+constexpr char kLoop[] = "qn_ubus_loop";
+constexpr char kRunBiz[] = "qn_ubus_run_biz_handler";
+constexpr char kReconnect[] = "qn_ubus_reconnect_timer";
+
+constexpr Message kHandlersFull{QN_LOG_E, 626, kModule, kAddHandler,
+                                "handler_counter=%u >= HANDLER_SIZE=%u"};
+constexpr Message kHandlerUpdated{QN_LOG_I, 627, kModule, kAddHandler, "update type=%d ok."};
+constexpr Message kHandlerAdded{QN_LOG_I, 628, kModule, kAddHandler,
+                                "add type=%d ok. handler_counter=%d"};
+constexpr Message kEventParam{QN_LOG_E, 0, kModule, kAddEvent, "param error, event_name=%s"};
+constexpr Message kEventsFull{QN_LOG_E, 0, kModule, kAddEvent,
+                              "register_event_counter=%u >= REGISTER_EVENT_SIZE=%u"};
+constexpr Message kEventNameTooLong{QN_LOG_E, 0, kModule, kAddEvent, "strcpy_s error, event_name=%s"};
+constexpr Message kEventAdded{QN_LOG_I, 0, kModule, kAddEvent,
+                              "add event_name=%s ok. register_event_counter=%u"};
+constexpr Message kNoPath{QN_LOG_E, 629, kModule, kStart, "path is NULL"};
+constexpr Message kThreadFailed{QN_LOG_E, 631, kModule, kStart, "create ubus client thread failed."};
+constexpr Message kStartEnter{QN_LOG_T, 630, kModule, kStart, "entering %s. called by %s."};
+constexpr Message kStartLeave{QN_LOG_T, 632, kModule, kStart, "leaving %s. called by %s."};
+constexpr Message kPathTooLong{QN_LOG_E, 620, kModule, kLoop, "strcpy_s faile. path=%s."};
+constexpr Message kConnectFailed{QN_LOG_E, 621, kModule, kLoop, "Failed to connect to ubus."};
+constexpr Message kConnected{QN_LOG_I, 622, kModule, kLoop, "ubus_connect ok."};
+constexpr Message kRegister{QN_LOG_I, 618, kModule, "qn_ubus_register_event",
+                            "register_event type=%s START."};
+constexpr Message kRegisterFailed{QN_LOG_E, 0, kModule, kLoop, "qn_ubus_register_event failed."};
+constexpr Message kBizStart{QN_LOG_D, 618, kModule, kRunBiz, "RUN biz handler type=%u START."};
+constexpr Message kBizEnd{QN_LOG_D, 619, kModule, kRunBiz, "RUN biz handler type=%u END. ret=%d"};
+constexpr Message kBizFailed{QN_LOG_E, 0, kModule, kLoop, "qn_ubus_run_biz_handler failed."};
+constexpr Message kBizDone{QN_LOG_I, 623, kModule, kLoop, "qn_ubus_run_biz_handler ok."};
+constexpr Message kRunExit{QN_LOG_I, 624, kModule, kLoop, "exit uloop run ok."};
+constexpr Message kDoneExit{QN_LOG_I, 625, kModule, kLoop, "exit uloop done ok."};
+constexpr Message kReconnectFailed{QN_LOG_E, 616, kModule, kReconnect,
+                                   "Failed to reconnect, trying again in %d seconds."};
+constexpr Message kReconnected{QN_LOG_I, 617, kModule, kReconnect, "reconnected to ubus, new id: %08x"};
+
+constexpr char kCaller[] = "nill";
+constexpr int kReconnectSeconds = 2;
+constexpr int kMillisPerSecond = 1000;
+constexpr unsigned int kSocketFlags = ULOOP_READ | ULOOP_BLOCKING;
+constexpr int kRunForever = -1;
+
+struct HandlerRow {
+  uint32_t type;
+  qn_ubus_biz_handler_t handler;
+};
+
+struct RegisterEventRow {
+  char event_name[QN_UBUS_EVENT_NAME_MAX + 1];
+  ubus_event_handler_t handler;
+};
+
+void qn_ubus_reconnect_timer(uloop_timeout* timer);
+
+HandlerRow handlers[HANDLER_SIZE];
+uint32_t handler_counter = 0;
+RegisterEventRow register_events[REGISTER_EVENT_SIZE];
+uint32_t register_event_counter = 0;
+ubus_context* ubus_ctx = nullptr;
+char ubus_path[QN_UBUS_PATH_MAX + 1];
+uloop_timeout reconnect_timer = {};
+
+// Of each row's subscription. The bus keeps them as long as the connection lives, and a reconnect
+// subscribes with the same ones again.
+ubus_event_handler event_handlers[REGISTER_EVENT_SIZE];
+
+bool reconnecting = false; // an attempt is under way
+bool lost_meanwhile = false;
+
+// --- signals ---
+
+// uloop takes SIGINT and SIGTERM for itself and gives them back only when it is done. Where the thread
+// ends before that, the process could not be ended by them any more.
+class EndSignals {
+ public:
+  EndSignals() { read_into(before_); }
+  void remember_taken() { read_into(taken_); }
+
+  // What the process has set in the meantime stays.
+  void put_back() const {
+    for (size_t i = 0; i < kCount; i++) {
+      struct sigaction current = {};
+      sigaction(kSignals[i], nullptr, &current);
+      if (current.sa_handler == taken_[i].sa_handler) sigaction(kSignals[i], &before_[i], nullptr);
+    }
+  }
+
+ private:
+  static constexpr int kSignals[] = {SIGINT, SIGTERM};
+  static constexpr size_t kCount = sizeof(kSignals) / sizeof(kSignals[0]);
+
+  static void read_into(struct sigaction (&actions)[kCount]) {
+    for (size_t i = 0; i < kCount; i++) sigaction(kSignals[i], nullptr, &actions[i]);
+  }
+
+  struct sigaction before_[kCount] = {};
+  struct sigaction taken_[kCount] = {};
+};
+
+// --- subscriptions and business handlers ---
+
+enum class Occasion { kFirst, kAgain };
+
+// All rows, also after one has failed. Returns the results, ORed.
+int subscribe(Occasion occasion) {
+  int failure = 0;
+  for (uint32_t i = 0; i < register_event_counter; i++) {
+    const RegisterEventRow& row = register_events[i];
+    if (row.handler == nullptr) continue;
+    if (occasion == Occasion::kFirst) QN_LOG(kRegister, row.event_name);
+    failure |= ubus_register_event_handler(ubus_ctx, &event_handlers[i], row.event_name);
+  }
+  return failure;
+}
+
+int32_t run_business_handlers() {
+  int32_t failure = 0;
+  for (uint32_t i = 0; i < handler_counter; i++) {
+    const HandlerRow& row = handlers[i];
+    if (row.handler == nullptr) continue;
+    QN_LOG(kBizStart, row.type);
+    const int32_t result = row.handler(ubus_ctx);
+    failure |= result;
+    QN_LOG(kBizEnd, row.type, result);
+  }
+  return failure;
+}
+
+void clear_event_handlers() {
+  for (uint32_t i = 0; i < REGISTER_EVENT_SIZE; i++) {
+    memset_s(&event_handlers[i], sizeof(event_handlers[i]), 0, sizeof(event_handlers[i]));
+    event_handlers[i].cb = register_events[i].handler;
+  }
+}
+
+// --- repairing a lost connection ---
+
+// The socket is watched first: if the broker goes away during the subscription, the loop sees it.
+bool rejoin() {
+  if (ubus_reconnect(ubus_ctx, ubus_path) != 0) {
+    // Its descriptor is closed, and the next attempt would close the number once more, whoever has it.
+    ubus_ctx->sock.fd = -1;
+    return false;
+  }
+  uloop_fd_add(&ubus_ctx->sock, kSocketFlags);
+  if (subscribe(Occasion::kAgain) == 0 && !lost_meanwhile) return true;
+  // Left in the loop, the dead socket would start another attempt beside the timer.
+  uloop_fd_delete(&ubus_ctx->sock);
+  return false;
+}
+
+void qn_ubus_reconnect_timer(uloop_timeout*) {
+  reconnecting = true;
+  lost_meanwhile = false;
+  const bool joined = rejoin();
+  reconnecting = false;
+  if (joined) {
+    // A timer still pending would tear the good connection down.
+    uloop_timeout_cancel(&reconnect_timer);
+    QN_LOG(kReconnected, ubus_ctx->local_id);
+    return;
+  }
+  QN_LOG(kReconnectFailed, kReconnectSeconds);
+  uloop_timeout_set(&reconnect_timer, kReconnectSeconds * kMillisPerSecond);
+}
+
+// Comes from the loop, or from inside any call that waits for an answer, an attempt included: that one
+// then counts as failed.
+void qn_ubus_connection_lost(ubus_context*) {
+  if (reconnecting) {
+    lost_meanwhile = true;
+  } else {
+    qn_ubus_reconnect_timer(&reconnect_timer);
+  }
+}
+
+// --- the thread ---
+
+void free_context() {
+  ubus_free(ubus_ctx);
+  ubus_ctx = nullptr;
+}
+
+bool connect_bus(const char* path) {
+  if (strcpy_s(ubus_path, sizeof(ubus_path), path) != 0) {
+    QN_LOG(kPathTooLong, path);
+    return false;
+  }
+  ubus_ctx = ubus_connect(ubus_path);
+  if (ubus_ctx == nullptr) {
+    QN_LOG(kConnectFailed);
+    return false;
+  }
+  QN_LOG(kConnected);
+  ubus_ctx->connection_lost = qn_ubus_connection_lost;
+  uloop_fd_add(&ubus_ctx->sock, kSocketFlags);
+  return true;
+}
+
+// The failure word is looked at once behind each step.
+bool join_bus() {
+  clear_event_handlers();
+  if (subscribe(Occasion::kFirst) != 0) {
+    QN_LOG(kRegisterFailed);
+    free_context();
+    return false;
+  }
+  if (run_business_handlers() != 0) {
+    QN_LOG(kBizFailed);
+    free_context();
+    return false;
+  }
+  QN_LOG(kBizDone);
+  return true;
+}
+
+void* qn_ubus_loop(void* arg) {
+  reconnect_timer.cb = qn_ubus_reconnect_timer;
+  EndSignals signals;
+  // The loop would take the status of children that other threads wait for.
+  uloop_handle_sigchld = false;
+  uloop_init();
+  signals.remember_taken();
+  if (!connect_bus(static_cast<const char*>(arg)) || !join_bus()) {
+    signals.put_back();
+    return nullptr;
+  }
+  uloop_run_timeout(kRunForever);
+  free_context();
+  QN_LOG(kRunExit);
+  uloop_done();
+  QN_LOG(kDoneExit);
+  return nullptr;
+}
+
+} // namespace
+
+int32_t qn_ubus_init(void) {
+  memset_s(handlers, sizeof(handlers), 0, sizeof(handlers));
+  return 0;
+}
+
+int32_t qn_ubus_add_handler(uint32_t type, qn_ubus_biz_handler_t handler) {
+  if (handler_counter >= HANDLER_SIZE) {
+    QN_LOG(kHandlersFull, handler_counter, HANDLER_SIZE);
+    return -1;
+  }
+  for (uint32_t i = 0; i < handler_counter; i++) {
+    if (handlers[i].type != type) continue;
+    handlers[i].handler = handler;
+    QN_LOG(kHandlerUpdated, type);
+    return 0;
+  }
+  handlers[handler_counter] = {type, handler};
+  handler_counter++;
+  QN_LOG(kHandlerAdded, type, handler_counter);
+  return 0;
+}
+
+int32_t qn_ubus_add_event_handler(const char* event_name, qn_ubus_event_handler_t handler) {
+  if (event_name == nullptr || handler == nullptr) {
+    QN_LOG(kEventParam, event_name != nullptr ? event_name : "NULL");
+    return -1;
+  }
+  if (register_event_counter != 0) {
+    QN_LOG(kEventsFull, register_event_counter, REGISTER_EVENT_SIZE);
+    return -1;
+  }
+  RegisterEventRow& row = register_events[0];
+  if (strcpy_s(row.event_name, sizeof(row.event_name), event_name) != 0) {
+    QN_LOG(kEventNameTooLong, event_name);
+    return -1;
+  }
+  register_event_counter++;
+  row.handler = handler;
+  QN_LOG(kEventAdded, row.event_name, register_event_counter);
+  return 0;
+}
+
+int32_t qn_ubus_start(const char* path) {
+  if (path == nullptr) {
+    QN_LOG(kNoPath);
+    return -1;
+  }
+  QN_LOG(kStartEnter, kStart, kCaller);
+  pthread_t thread;
+  if (pthread_create(&thread, nullptr, qn_ubus_loop, const_cast<char*>(path)) != 0) {
+    QN_LOG(kThreadFailed);
+    return -1;
+  }
+  pthread_detach(thread);
+  QN_LOG(kStartLeave, kStart, kCaller);
+  return 0;
+}
+
+int32_t qn_ubus_stop(void) { return 0; }

@@ -1,0 +1,36 @@
+// Small text files of the kernel about one interface.
+#ifndef QN_NET_SYSFS_H
+#define QN_NET_SYSFS_H
+
+#include <cstddef>
+
+namespace qn {
+
+constexpr size_t kSysfsPathSize = 128;
+
+// A path below /sys/class/net on the stack. A null interface and what does not fit give no path.
+class SysfsPath {
+ public:
+  SysfsPath(const char* intf_name, const char* file);
+  SysfsPath(const char* intf_name, const char* directory, const char* file);
+  SysfsPath(const char* intf_name, const char* directory, const char* subdirectory, const char* file);
+
+  bool fits() const { return fits_; }
+  const char* text() const { return text_; }
+
+ private:
+  char text_[kSysfsPathSize];
+  bool fits_;
+};
+
+enum class SysfsResult { kRead, kNoFile, kNoText };
+
+// Reads the first line of a file, with its line end, into `line`.
+SysfsResult sysfs_read_line(const char* path, char* line, size_t size, const char* mode = "re");
+
+// Reads a hexadecimal number from a file.
+bool sysfs_read_hex(const char* path, unsigned int* number);
+
+} // namespace qn
+
+#endif // QN_NET_SYSFS_H
