@@ -1,0 +1,27 @@
+// Runs a fuzz target on every file of a folder: the corpus as a test, with any compiler.
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+
+int main(int argc, char** argv) {
+  if (argc != 2) {
+    fprintf(stderr, "usage: %s folder\n", argv[0]);
+    return 2;
+  }
+  int count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(argv[1])) {
+    std::ifstream in(entry.path(), std::ios::binary);
+    const std::string bytes{std::istreambuf_iterator<char>(in), {}};
+    printf("%s\n", entry.path().c_str());
+    fflush(stdout); // names the file that a crash was met in
+    LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+    count++;
+  }
+  printf("%d inputs\n", count);
+  return count > 0 ? 0 : 1;
+}

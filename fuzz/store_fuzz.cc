@@ -1,0 +1,211 @@
+// A store file with any damage, and any operations on it: the store must do what the model does.
+//
+// The input is a list of commands, each one byte and its arguments. Damage closes the store; the next
+// operation opens it again. Whatever file an open takes, its bytes and every result must be the model's.
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "kvs/open_store.h"
+#include "kvs/store_model.h"
+
+namespace {
+
+enum Command {
+  kPatchFile,
+  kPatchEntry,
+  kPatchSlot,
+  kResize,
+  kReopen,
+  kPut,
+  kPutText,
+  kGet,
+  kDelete,
+  kCommandCount
+};
+
+constexpr int kCommandsMax = 32;
+constexpr size_t kFileMax = StoreModel::kFileSize + 100;
+
+void require(bool holds, const char* what) {
+  if (holds) return;
+  fprintf(stderr, "broken: %s\n", what);
+  abort();
+}
+
+// The bytes of the input; zero behind their end.
+class Input {
+ public:
+  Input(const uint8_t* data, size_t size) : data_(data), size_(size) {}
+
+  bool is_empty() const { return size_ == 0; }
+
+  uint32_t number(size_t bytes) {
+    uint32_t value = 0;
+    for (; bytes > 0; bytes--) value = value << 8 | byte();
+    return value;
+  }
+
+  std::string bytes(size_t count) {
+    std::string taken;
+    while (taken.size() < count) taken += static_cast<char>(byte());
+    return taken;
+  }
+
+ private:
+  uint8_t byte() {
+    if (size_ == 0) return 0;
+    size_--;
+    return *data_++;
+  }
+
+  const uint8_t* data_;
+  size_t size_;
+};
+
+// A store with a few keys in each class, some of them deleted again.
+std::string start_file() {
+  StoreModel model;
+  for (const size_t length : {5u, 30u, 31u, 100u, 200u, 400u, 1000u, 1500u}) {
+    for (int i = 0; i < 3; i++) {
+      model.put("key" + std::to_string(length) + "-" + std::to_string(i),
+                std::string(length, static_cast<char>('a' + i)));
+    }
+    model.remove("key" + std::to_string(length) + "-1");
+  }
+  return model.image();
+}
+
+// A file in memory that has a path all the same.
+class StoreFile {
+ public:
+  StoreFile() : fd_(memfd_create("store", MFD_CLOEXEC)) {
+    bytes_ = static_cast<char*>(mmap(nullptr, kFileMax, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0));
+    require(fd_ >= 0 && bytes_ != MAP_FAILED, "a file can be made");
+  }
+
+  std::string path() const { return "/proc/self/fd/" + std::to_string(fd_); }
+
+  void write(const std::string& content) const {
+    require(ftruncate(fd_, static_cast<off_t>(content.size())) == 0, "the file can be resized");
+    memcpy(bytes_, content.data(), content.size());
+  }
+
+  // Whether it holds `image` and then what `content` has behind an image's length.
+  bool holds(const std::string& image, const std::string& content) const {
+    struct stat status;
+    if (fstat(fd_, &status) != 0 || static_cast<size_t>(status.st_size) != content.size()) return false;
+    const size_t tail = std::min(image.size(), content.size());
+    return memcmp(bytes_, image.data(), tail) == 0 &&
+           memcmp(bytes_ + tail, content.data() + tail, content.size() - tail) == 0;
+  }
+
+ private:
+  int fd_;
+  char* bytes_;
+};
+
+// One for all inputs: its large buffers are made once.
+class Tester {
+ public:
+  void run(const uint8_t* data, size_t size) {
+    input_ = Input(data, size);
+    content_ = start_;
+    for (int i = 0; i < kCommandsMax && !input_.is_empty(); i++) {
+      const uint32_t command = input_.number(1) % kCommandCount;
+      if (command <= kReopen) {
+        damage(command);
+      } else if (open()) {
+        operate(command);
+      }
+    }
+    damage(kReopen);
+    open();
+    store_.reset();
+  }
+
+ private:
+  void damage(uint32_t command) {
+    if (store_) content_.replace(0, StoreModel::kFileSize, model_.image());
+    store_.reset();
+    if (command == kReopen) return;
+    uint32_t offset = 0;
+    if (command == kResize) {
+      content_.resize(input_.number(3) % (kFileMax + 1));
+      return;
+    }
+    if (command == kPatchFile) offset = input_.number(3) % StoreModel::kFileSize;
+    if (command == kPatchEntry)
+      offset = StoreModel::entry_offset(input_.number(1) % StoreModel::kKeys) + input_.number(1) % 36;
+    if (command == kPatchSlot) offset = StoreModel::slot_offset(input_.number(1) % StoreModel::kKeys);
+    const std::string bytes = input_.bytes(1 + input_.number(1) % 40);
+    if (offset + bytes.size() <= content_.size()) content_.replace(offset, bytes.size(), bytes);
+  }
+
+  // Whether there is an open store.
+  bool open() {
+    if (store_) return true;
+    file_.write(content_);
+    store_ = std::make_unique<OpenStore>(file_.path());
+    require((store_->result() == 0) == StoreModel::takes(content_), "open takes what is a store");
+    if (store_->result() != 0) {
+      require(file_.holds(content_, content_), "a refused file stays as it was");
+      store_.reset();
+      return false;
+    }
+    model_.load(std::string_view(content_).substr(0, StoreModel::kFileSize));
+    require_file();
+    return true;
+  }
+
+  void operate(uint32_t command) {
+    const StoreKey key = take_key();
+    if (command == kDelete) require(store_->remove(key) == model_.remove(key), "the result of a delete");
+    if (command == kPut || command == kPutText) {
+      const bool is_text = command == kPutText;
+      const std::string value(input_.number(2) % 2100, static_cast<char>(input_.number(1) | 1));
+      const int32_t result = is_text ? store_->put_text(key, value) : store_->put(key, value);
+      require(result == (is_text ? model_.put_text(key, value) : model_.put(key, value)),
+              "the result of a put");
+    }
+    require(store_->get(key) == model_.get(key), "what a get reads");
+    require_file();
+  }
+
+  // A key that stands in an entry, free or busy, or one of a few others; of its whole length or another.
+  StoreKey take_key() {
+    const uint32_t choice = input_.number(1);
+    const std::string others[] = {"", "new", "other", std::string(31, 'k'), std::string(32, 'k')};
+    const std::string text = choice < StoreModel::kKeys ? model_.entry_text(choice) : others[choice % 5];
+    const uint32_t length = input_.number(1);
+    return {text, length < 192 ? static_cast<uint32_t>(text.size()) : length - 192};
+  }
+
+  void require_file() const { require(file_.holds(model_.image(), content_), "the bytes of the file"); }
+
+  const std::string start_ = start_file();
+  const StoreFile file_;
+  Input input_{nullptr, 0};
+  std::string content_; // the file before the open; behind a store's length also afterwards
+  StoreModel model_;
+  std::unique_ptr<OpenStore> store_;
+};
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const QuietLog quiet;
+  static Tester tester;
+  tester.run(data, size);
+  return 0;
+}

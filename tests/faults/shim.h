@@ -1,0 +1,42 @@
+// Makes the n-th call of one libc function fail, and counts what must not be lost.
+//
+// The program is linked with --wrap for the functions listed in tests.cmake, so that the calls of the
+// library and of the tests come through the shim; calls inside libc do not. One fault is armed at a time.
+// It counts the calls of all threads but the spared ones, and those of a child before its execv().
+#ifndef TESTS_FAULTS_SHIM_H
+#define TESTS_FAULTS_SHIM_H
+
+#include <cstddef>
+#include <string_view>
+
+namespace shim {
+
+enum How {
+  kFail,       // the n-th call fails
+  kFailAlways, // so does every later one
+  kShort,      // the n-th read() or write() moves half of what it was asked to
+  kNothing,    // the n-th read() or write() returns 0
+};
+
+struct Fault {
+  // "malloc" is calloc() too: the compiler turns one into the other. fcntl() and epoll_ctl() go by their
+  // commands: "F_GETFL", "F_SETFL", "EPOLL_CTL_ADD", "EPOLL_CTL_MOD".
+  std::string_view call;
+  int nth; // from 1
+  int error;
+  How how = kFail;
+};
+
+void arm(const Fault& fault);
+void disarm();
+bool fired(); // whether the n-th call has been made since arm(); any thread may ask
+
+void spare(bool on); // the calls of this thread are not counted while it is on
+
+size_t live_blocks();  // heap blocks from the wrapped functions that have not been freed
+int threads_running(); // threads whose routine has not returned
+int bad_closes();      // calls of close() on a number that was not open
+
+} // namespace shim
+
+#endif // TESTS_FAULTS_SHIM_H

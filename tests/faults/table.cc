@@ -1,0 +1,117 @@
+#include "faults/table.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <iostream>
+#include <set>
+#include <string>
+#include <system_error>
+
+#include "support/capture.h"
+#include "support/main.h"
+
+namespace {
+
+constexpr size_t kNthEnd = 1000;
+
+int g_injected = 0;
+
+class Report : public testing::Environment {
+  void TearDown() override { std::cout << "faults injected: " << g_injected << '\n'; }
+};
+[[maybe_unused]] const testing::Environment* const g_report =
+    testing::AddGlobalTestEnvironment(new Report);
+
+// Records of failures: levels E and W, and these of level D.
+bool is_failure(const Record& record) {
+  static const std::set<uint32_t> debug = {414, 421, 438, 611};
+  return record.level == "E" || record.level == "W" || debug.contains(record.logid);
+}
+
+// A record that names an errno names this one, with its text.
+void expect_errno(const Record& record, int error) {
+  const size_t start = record.text.find("rror=("), other = record.text.find("rrno=(");
+  if (start == std::string::npos && other == std::string::npos) return;
+  std::string named = record.text.substr(std::min(start, other) + 6);
+  std::erase(named, ' ');
+  std::string wanted = std::to_string(error) + "," + std::generic_category().message(error) + ")";
+  std::erase(wanted, ' ');
+  EXPECT_EQ(wanted, named.substr(0, wanted.size())) << record;
+}
+
+// Runs the operation with one fault; returns whether the call was reached.
+bool run_once(const Row& row, size_t nth) {
+  StderrCapture capture;
+  const std::unique_ptr<Operation> operation = row.make();
+  capture.clear();
+  shim::arm({row.call, static_cast<int>(nth), row.error, row.how});
+  Outcome seen = {operation->run()};
+  shim::disarm();
+
+  const bool fired = shim::fired();
+  if (fired && nth > row.outcomes.size() && row.rest != kMore) {
+    ADD_FAILURE() << "a call that the row does not know";
+    return true;
+  }
+  const Outcome& expected =
+      fired ? row.outcomes[std::min(nth, row.outcomes.size()) - 1] : operation->undisturbed;
+  const int error = expected.error != 0 ? expected.error : row.error;
+  for (const Record& record : capture.records()) {
+    if (!is_failure(record)) continue;
+    seen.records.push_back(record.logid);
+    if (error != 0) expect_errno(record, error);
+  }
+  EXPECT_EQ(expected.result, seen.result);
+  EXPECT_EQ(expected.records, seen.records);
+  operation->check(seen);
+  return fired;
+}
+
+class FaultTable : public testing::TestWithParam<Row> {};
+
+TEST_P(FaultTable, EveryCallMayFail) {
+  const Row& row = GetParam();
+  const std::set<int> descriptors = open_descriptors();
+  const size_t blocks = shim::live_blocks();
+  const int bad_closes = shim::bad_closes();
+  const size_t end = row.rest == kUntried ? row.outcomes.size() + 1 : kNthEnd;
+  size_t reached = 0;
+  for (bool fired = true; fired && reached + 1 < end && !HasFailure();) {
+    SCOPED_TRACE("n = " + std::to_string(reached + 1));
+    fired = run_once(row, reached + 1);
+    if (fired) reached++;
+    EXPECT_EQ(descriptors, open_descriptors());
+    EXPECT_EQ(bad_closes, shim::bad_closes()) << "a descriptor was closed twice";
+    EXPECT_EQ(blocks, shim::live_blocks()) << "a heap block is lost";
+    EXPECT_EQ(0, shim::threads_running());
+    EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) < 0 && errno == ECHILD) << "a child is left";
+  }
+  EXPECT_GE(reached, row.outcomes.size()) << "calls of " << row.call;
+  EXPECT_LT(reached, kNthEnd - 1);
+  g_injected += static_cast<int>(reached);
+}
+
+std::string row_name(const testing::TestParamInfo<Row>& info) {
+  return testing::PrintToString(info.param);
+}
+
+INSTANTIATE_TEST_SUITE_P(Memory, FaultTable, testing::ValuesIn(memory_rows()), row_name);
+INSTANTIATE_TEST_SUITE_P(Utils, FaultTable, testing::ValuesIn(utils_rows()), row_name);
+INSTANTIATE_TEST_SUITE_P(Service, FaultTable, testing::ValuesIn(service_rows()), row_name);
+INSTANTIATE_TEST_SUITE_P(Store, FaultTable, testing::ValuesIn(store_rows()), row_name);
+
+} // namespace
+
+std::ostream& operator<<(std::ostream& out, const Row& row) {
+  static const char* const how[] = {"", "_always", "_short", "_nothing"};
+  return out << row.operation << '_' << row.call << '_' << row.error << how[row.how];
+}
+
+void exhaust(qn_pool_t* pool) {
+  shim::arm({"posix_memalign", 1, ENOMEM, shim::kFailAlways});
+  while (qn_palloc(pool, 4) != nullptr) {
+  }
+  shim::disarm();
+}
