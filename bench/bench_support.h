@@ -17,8 +17,10 @@ namespace bench {
 void register_all();
 
 template <typename Body>
-void add(const std::string& operation, const std::string& who, Body body) {
-  benchmark::RegisterBenchmark((operation + "/" + who).c_str(), std::move(body))->UseRealTime();
+void add(const std::string& operation, const std::string& who, Body body, int threads = 1) {
+  benchmark::RegisterBenchmark((operation + "/" + who).c_str(), std::move(body))
+      ->UseRealTime()
+      ->Threads(threads);
 }
 
 // Ends the program with the text of errno: a call that fails measures nothing.

@@ -14,6 +14,12 @@ import sys
 # Operation, and how many times its limit it may cost.
 GOALS = [
     ("refused record", 1.5),
+    ("refused record, 2 threads", 1.6),
+    ("refused trace", 1.5),
+    ("refused, others switched on", 4.0),
+    ("accepted, one file", 1.06),
+    ("accepted, both files", 1.04),
+    ("conf_load", 4.0),
     ("palloc 16", 1.9),
     ("palloc 64", 1.9),
     ("palloc 256", 2.3),
