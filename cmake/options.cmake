@@ -6,7 +6,7 @@ target_compile_options(quillcore_warnings INTERFACE
   -Wall -Wextra -Werror -Wshadow -Wconversion -Wformat=2
   # The texts of records are members of constant tables: GCC sees through them and checks the arguments,
   # clang only sees that they are no literals.
-  $<$<CXX_COMPILER_ID:Clang>:-Wno-format-nonliteral>)
+  $<$<CXX_COMPILER_ID:Clang>:-Wno-format-nonliteral -Wno-format-security>)
 
 # 64-bit time and offsets on every target, for callers of system headers on both sides of a test.
 add_library(quillcore_platform INTERFACE)

@@ -47,6 +47,8 @@ hub_result_t hub_put(hub_client_t* client, const char* key, const void* value, s
 hub_result_t hub_get(hub_client_t* client, const char* key, hub_answer_t* answer);
 hub_result_t hub_delete(hub_client_t* client, const char* key, hub_answer_t* answer);
 hub_result_t hub_count(hub_client_t* client, hub_answer_t* answer);
+hub_result_t hub_log(hub_client_t* client, uint8_t step, const char* role, const char* what,
+                     const char* value, hub_answer_t* answer);
 
 // The code of a refusal, 0 if it has none; its text is in `*text`, empty if it has none.
 uint32_t hub_error(const hub_answer_t* answer, const char** text);

@@ -7,10 +7,16 @@
 //   HUB_MSG_GET       key                    the value's bytes      CONFIG, MONITOR
 //   HUB_MSG_DELETE    key                    empty                  CONFIG
 //   HUB_MSG_COUNT     empty                  uint32_t, new number   CONFIG
+//   HUB_MSG_LOG       step, three texts      empty                  CONFIG, and only root or hubd's user
 //
 // A key is one byte with its length, 1 to QN_KVS_KEY_MAX, and that many bytes without a NUL. A value is
 // what is left of the body; it may hold any bytes. Numbers are in the host's byte order: a local socket
 // never leaves the machine.
+//
+// HUB_MSG_LOG changes what hubd logs. Its step is one byte: a QN_LOG_PERMIT_* value of quillcore/log.h,
+// or HUB_LOG_RESET. The texts are each one byte with a length and that many bytes: a role, what is
+// switched (a biz_name, or the digits of a logid; empty for other steps), and a level's letter, "on" or
+// "off". A reset looks at none of them.
 //
 // msg_err of the answer tells how it went:
 //
@@ -31,6 +37,9 @@
 #define HUB_MSG_GET 2
 #define HUB_MSG_DELETE 3
 #define HUB_MSG_COUNT 4
+#define HUB_MSG_LOG 5
+
+#define HUB_LOG_RESET 0xFF // step of HUB_MSG_LOG
 
 // Senders, msg_src of the header. Each is one bit, so that a row of the handler table can serve several.
 #define HUB_SRC_CONFIG 0x0001  // may read and write
@@ -44,6 +53,8 @@
 #define HUB_ERR_CLASS_FULL 5  // no room for a value of this length; nothing was changed
 #define HUB_ERR_DAMAGED 6     // the stored counter is no number, or at its end
 #define HUB_ERR_CLOSING 7     // the daemon is shutting down
+#define HUB_ERR_NOT_ALLOWED 8 // the sender's user may not do this
+#define HUB_ERR_LOG_CHANGE 9  // the log did not take the change; hubd's log says why
 
 // The largest body of a request. It is more than the longest put needs, so that a value that is too long
 // for the store still reaches the handler and is refused with a reason.

@@ -5,6 +5,7 @@
 // The commands are in the table at the end. The answer goes to standard output, records of the library
 // to standard error. The exit status is 0 only if everything held; the others are in bulk.h.
 #include <inttypes.h>
+#include <quillcore/log.h>
 #include <quillcore/utility.h>
 #include <stdio.h>
 #include <string.h>
@@ -13,6 +14,13 @@
 #include "hub_client.h"
 
 #define COUNT_OF(array) (sizeof(array) / sizeof((array)[0]))
+
+struct command {
+  const char* name;
+  int arg_count;
+  const char* args;
+  int (*run)(hub_client_t* client, char** args);
+};
 
 // Prints how a request ended and gives the exit status for it.
 static int report(hub_result_t result, const hub_answer_t* answer) {
@@ -86,6 +94,44 @@ static int run_verify_series(hub_client_t* client, char** args) {
   return bulk_verify_series(client, (size_t)acked, args[1], args[2]);
 }
 
+static int change_log(hub_client_t* client, uint8_t step, const char* role, const char* what,
+                      const char* value) {
+  hub_answer_t answer;
+  return report(hub_log(client, step, role, what, value, &answer), &answer);
+}
+
+static int run_log_level(hub_client_t* client, char** args) {
+  return change_log(client, QN_LOG_PERMIT_LEVEL, args[0], "", args[1]);
+}
+
+static int run_log_console(hub_client_t* client, char** args) {
+  return change_log(client, QN_LOG_PERMIT_CONSOLE, args[0], "", args[1]);
+}
+
+static int run_log_trace(hub_client_t* client, char** args) {
+  return change_log(client, QN_LOG_PERMIT_TRACE, args[0], "", args[1]);
+}
+
+static int run_log_logid(hub_client_t* client, char** args) {
+  return change_log(client, QN_LOG_PERMIT_LOGID, args[0], args[1], args[2]);
+}
+
+static int run_log_biz(hub_client_t* client, char** args) {
+  return change_log(client, QN_LOG_PERMIT_BIZ, args[0], args[1], args[2]);
+}
+
+static int run_log_reset(hub_client_t* client, char** args) {
+  (void)args;
+  return change_log(client, HUB_LOG_RESET, "", "", "");
+}
+
+// The words behind "log".
+static const struct command log_commands[] = {
+    {"level", 2, "ROLE LETTER", run_log_level},  {"logid", 3, "ROLE NUMBER on|off", run_log_logid},
+    {"biz", 3, "ROLE NAME on|off", run_log_biz}, {"console", 2, "ROLE on|off", run_log_console},
+    {"trace", 2, "ROLE on|off", run_log_trace},  {"reset", 0, "", run_log_reset},
+};
+
 // A message as it should not be: TYPE and LEN go into the header, BODY is sent as it is.
 static int run_raw(hub_client_t* client, char** args) {
   const int32_t type = qn_str2num(args[0], 10);
@@ -97,12 +143,7 @@ static int run_raw(hub_client_t* client, char** args) {
   return report(hub_exchange(client, (uint8_t)type, args[2], body_len, (uint16_t)len, &answer), &answer);
 }
 
-static const struct command {
-  const char* name;
-  int arg_count;
-  const char* args;
-  int (*run)(hub_client_t* client, char** args);
-} commands[] = {
+static const struct command commands[] = {
     {"put", 2, "KEY VALUE", run_put},
     {"get", 1, "KEY", run_get},
     {"delete", 1, "KEY", run_delete},
@@ -124,12 +165,20 @@ static int usage(void) {
   for (size_t i = 0; i < COUNT_OF(commands); i++) {
     fprintf(stderr, "  %s %s\n", commands[i].name, commands[i].args);
   }
+  for (size_t i = 0; i < COUNT_OF(log_commands); i++) {
+    fprintf(stderr, "  log %s %s\n", log_commands[i].name, log_commands[i].args);
+  }
   return EXIT_USAGE;
 }
 
-static const struct command* find_command(const char* name, int arg_count) {
-  for (size_t i = 0; i < COUNT_OF(commands); i++) {
-    if (strcmp(commands[i].name, name) == 0 && commands[i].arg_count == arg_count) return &commands[i];
+// Finds the command that the words name, and how many words that takes. Returns null for none.
+static const struct command* find_command(char** words, int count, int* taken) {
+  const int is_log = strcmp(words[0], "log") == 0 && count > 1;
+  const struct command* row = is_log ? log_commands : commands;
+  const struct command* end = row + (is_log ? COUNT_OF(log_commands) : COUNT_OF(commands));
+  *taken = is_log ? 2 : 1;
+  for (; row < end; row++) {
+    if (strcmp(row->name, words[*taken - 1]) == 0 && row->arg_count == count - *taken) return row;
   }
   return NULL;
 }
@@ -162,7 +211,8 @@ int main(int argc, char** argv) {
   const int32_t timeout_ms = qn_str2num(timeout, 10);
   if (path == NULL || next >= argc || source == 0 || timeout_ms <= 0) return usage();
 
-  const struct command* command = find_command(argv[next], argc - next - 1);
+  int taken;
+  const struct command* command = find_command(argv + next, argc - next, &taken);
   if (command == NULL) return usage();
 
   hub_client_t client;
@@ -170,7 +220,7 @@ int main(int argc, char** argv) {
     fprintf(stderr, "hubctl: nobody listens on %s\n", path);
     return EXIT_USAGE;
   }
-  const int status = command->run(&client, argv + next + 1);
+  const int status = command->run(&client, argv + next + taken);
   hub_disconnect(&client);
   if (fflush(stdout) != 0) return EXIT_NOT_HELD;
   return status;

@@ -3,12 +3,13 @@
 //   hubd --dir DIR [--store FILE] [--socket PATH]
 //
 // DIR exists; FILE is DIR/hubd.kvs and PATH is DIR/hubd.sock unless said otherwise. hubd stays in the
-// foreground, prints a line on standard output when it serves, and ends on SIGTERM or SIGINT. Every
-// record of the library goes to standard error here, and there are many: redirect it to a file.
+// foreground, prints a line on standard output when it serves, and ends on SIGTERM or SIGINT. Its log is
+// in /tmp/quillnet/log/; what the library says before that is open goes to standard error.
 //
 // This file is about the order in which a process brings the library up and takes it down:
 //
-//   up     qn_init_dir, qn_cycle_new, qn_kvs_open, the handler table, qn_service_start_with_thread
+//   up     qn_init_dir, qn_cycle_new, qn_log_new_singleton_instance, qn_kvs_open, the handler table,
+//          qn_service_start_with_thread
 //   down   qn_service_stop_with_thread, qn_kvs_close, the end of the process
 //
 // What the requests do is in store_handlers.c, what they look like in hub_protocol.h.
@@ -27,6 +28,9 @@
 #include "store_handlers.h"
 
 #define PATH_SIZE 512
+#define ROLE_HUBD 2  // names the log files and the keys of the permissions
+#define LOG_CONFIG 0 // with files
+#define LOG_APPEND 1 // a restart continues them
 
 // What the service's thread uses. It is static, and the cycle is never freed, because that thread is
 // detached: nothing tells when it has ended, and until then it may touch any of this.
@@ -102,11 +106,16 @@ static int wait_until_served(void) {
 }
 
 static int bring_up(void) {
-  qn_init_dir(); // does not tell whether it could; nothing here depends on the directories
+  qn_init_dir(); // does not tell whether it could; opening the log does
   if (lock_store() != 0) return -1;
 
   hub.cycle = qn_cycle_new();
   if (hub.cycle == NULL) return fail("no memory for the cycle");
+
+  // From here on the gates apply and records go to the files.
+  if (qn_log_new_singleton_instance(LOG_CONFIG, ROLE_HUBD, LOG_APPEND) != 0) {
+    return fail("cannot open the log");
+  }
 
   // The cycle's pool outlives the store, because it outlives everything.
   kvstore_t* store;
@@ -134,6 +143,9 @@ static void shut_down(void) {
   hub_store_close(&hub.store); // waits for a handler that runs; later ones are refused
   unlink(hub.socket_path);     // the service leaves its socket file behind
 
+  // No qn_log_free_singleton_instance() either: it wants that no other thread logs, and the service's
+  // thread may. Nothing is lost by that, every record is on disk already.
+  //
   // No qn_cycle_free(). The service's thread writes to its record in the cycle's pool as the last thing
   // it does, and there is no way to wait for that. The process's end takes both at once.
 }

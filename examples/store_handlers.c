@@ -4,6 +4,7 @@
 // and returns -1. Either way the library sends the body and releases it.
 #include "store_handlers.h"
 
+#include <quillcore/log.h>
 #include <quillcore/memory.h>
 #include <quillcore/service.h>
 #include <quillcore/thread.h>
@@ -13,6 +14,7 @@
 #include <string.h>
 
 #include "hub_protocol.h"
+#include "log_handler.h"
 
 // The counter is a key of the store like any other, so that it survives restarts.
 static char counter_name[] = "hubd.counter";
@@ -172,6 +174,12 @@ static int32_t run(operation_t* operation, const qn_msg_req_t* req, void** rsp_b
   } else {
     qn_service_make_error_msg(HUB_ERR_CLOSING, rsp_body, rsp_len, "the daemon is shutting down");
   }
+  hub->served++;
+  // One record for each request, and one that is there for whoever switches it on.
+  qn_log_core_adpater(QN_LOG_I, 9001, "hubd", 1, 1, "hubd_request", "request %u served, result=%d.",
+                      hub->served, result);
+  qn_log_core_adpater(QN_LOG_D, 9002, "hubd", 1, 1, "hubd_request", "request %u came from fd=%d, id=%u.",
+                      hub->served, req->fd, req->msg_id);
   pthread_mutex_unlock(&hub->lock);
   return result;
 }
@@ -195,6 +203,7 @@ static int32_t handle_count(const qn_msg_req_t* req, void** rsp_body, uint32_t* 
 void hub_store_init(hub_store_t* hub, kvstore_t* store) {
   qn_pthread_mutex_init(&hub->lock);
   hub->store = store;
+  hub->served = 0;
 }
 
 void hub_store_close(hub_store_t* hub) {
@@ -211,6 +220,7 @@ qn_apis_t* hub_store_apis(qn_pool_t* pool, hub_store_t* hub) {
       {HUB_SRC_CONFIG | HUB_SRC_MONITOR, HUB_MSG_GET, handle_get, NULL},
       {HUB_SRC_CONFIG, HUB_MSG_DELETE, handle_delete, NULL},
       {HUB_SRC_CONFIG, HUB_MSG_COUNT, handle_count, NULL},
+      {HUB_SRC_CONFIG, HUB_MSG_LOG, handle_log, NULL},
   };
   const uint32_t count = sizeof(rows) / sizeof(rows[0]);
 

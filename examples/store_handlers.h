@@ -11,6 +11,7 @@
 typedef struct hub_store {
   pthread_mutex_t lock; // covers `store`, and makes each read-change-write of a handler one step
   kvstore_t* store;     // null once it is closed
+  uint32_t served;      // requests so far
 } hub_store_t;
 
 // Gets `hub` ready to serve `store`, which it owns from now on.

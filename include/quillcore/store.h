@@ -74,8 +74,9 @@ QN_API int32_t qn_kvs_get(kvstore_t* store, const qn_str_t* key, void** value, u
 
 // Stores a copy of `value` under `key` and writes it to disk. No argument may be null.
 // Returns 0, also when the write to disk failed (logged, 517 or 518): the value stays in memory and goes
-// to disk with the next change. -1 when the value is longer than QN_KVS_VALUE_MAX (491), the key longer
-// than QN_KVS_KEY_MAX, or the size class is full (470, level D); the store is unchanged then.
+// to disk with the next change; and when memory for the index was short (467): the value is on disk then
+// but not found before the next open. -1 when the value is longer than QN_KVS_VALUE_MAX (491), the key
+// longer than QN_KVS_KEY_MAX, or the size class is full (470, level D); the store is unchanged then.
 QN_API int32_t qn_kvs_put(kvstore_t* store, const qn_str_t* key, const void* value, uint16_t value_len);
 
 // qn_kvs_put() of a formatted text of at most QN_KVS_TEXT_MAX bytes, without its terminator.

@@ -14,8 +14,8 @@ QN_BEGIN_DECLS
 
 // Starts a joinable thread with a stack of QN_PTHREAD_STACK_SIZE bytes that runs start_routine(arg).
 // `thread` is written before the call returns; the new thread may be running by then.
-// Returns 0; -1 when the thread was not created (logged, 605). A failure to set the stack size is
-// logged (603, 604) and does not stop the thread.
+// Returns 0; -1 when the thread was not created (logged, 605). A failure to set the stack size or
+// to release the attributes is logged (603, 604, 606) and does not stop the thread.
 QN_API int32_t qn_pthread_new(pthread_t* thread, void* (*start_routine)(void*), void* arg);
 
 // Gives up the right to join `thread`. Returns the result of pthread_detach().

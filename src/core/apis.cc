@@ -5,7 +5,7 @@
 
 qn_apis_t* qn_apis_new(qn_pool_t* pool, uint32_t count, qn_api_entry_t* rows) {
   if (pool == nullptr || rows == nullptr) return nullptr;
-  qn_apis_t* const apis = qn::pcalloc_objects<qn_apis_t>(pool);
+  qn_apis_t* const apis = qn::pcalloc_object<qn_apis_t>(pool);
   if (apis == nullptr) return nullptr;
   apis->count = static_cast<uint16_t>(count);
   apis->rows = rows;

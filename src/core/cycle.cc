@@ -31,7 +31,7 @@ qn_cycle_t* qn_cycle_new(void) {
   }
   QN_CONSOLE(kPoolMade);
 
-  qn_cycle_t* const cycle = qn::pcalloc_objects<qn_cycle_t>(pool);
+  qn_cycle_t* const cycle = qn::pcalloc_object<qn_cycle_t>(pool);
   if (cycle == nullptr) {
     QN_CONSOLE(kCycleFailed);
     qn_pool_free(pool);

@@ -22,7 +22,7 @@ constexpr Message kAlignFailed{QN_LOG_E, 526, "alloc", "memalign",
 
 } // namespace
 
-void* qn_alloc(uint32_t size) {
+void* qn::alloc_unfilled(uint32_t size) {
   if (size == 0) return nullptr;
 
   void* const ptr = malloc(size);
@@ -31,14 +31,19 @@ void* qn_alloc(uint32_t size) {
     QN_LOG(kAllocFailed, size, error, ErrorText(error).text());
     return nullptr;
   }
-  memset_s(ptr, size, 0, size);
   QN_LOG(kAllocated, ptr, size);
+  return ptr;
+}
+
+void* qn_alloc(uint32_t size) {
+  void* const ptr = qn::alloc_unfilled(size);
+  if (ptr != nullptr) memset_s(ptr, size, 0, size);
   return ptr;
 }
 
 void qn_free(void* ptr) { free(ptr); }
 
-void* qn_memalign(uint32_t alignment, uint32_t size) {
+void* qn::memalign_unfilled(uint32_t alignment, uint32_t size) {
   if (size == 0) return nullptr;
 
   void* ptr = nullptr;
@@ -49,8 +54,13 @@ void* qn_memalign(uint32_t alignment, uint32_t size) {
     errno = error;
     return nullptr;
   }
-  memset_s(ptr, size, 0, size);
   QN_LOG(kAligned, alignment, size);
+  return ptr;
+}
+
+void* qn_memalign(uint32_t alignment, uint32_t size) {
+  void* const ptr = qn::memalign_unfilled(alignment, size);
+  if (ptr != nullptr) memset_s(ptr, size, 0, size);
   return ptr;
 }
 

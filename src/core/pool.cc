@@ -56,16 +56,18 @@ static_assert(sizeof(PoolBlock) == 4 * sizeof(void*) && sizeof(PoolBlock) % alig
 static_assert(sizeof(qn_pool) == 7 * sizeof(void*));
 
 uint8_t* align_up(uint8_t* ptr, uint32_t alignment) {
-  const uintptr_t value = reinterpret_cast<uintptr_t>(ptr);
-  return ptr + (-value & (alignment - 1));
+  const uintptr_t mask = alignment - 1;
+  return reinterpret_cast<uint8_t*>((reinterpret_cast<uintptr_t>(ptr) + mask) & ~mask);
 }
 
-// The bytes handed out, or null when the block has no room. Alignment may carry the cursor past `end`.
-inline void* block_carve(PoolBlock& block, uint32_t size, uint32_t alignment) {
+// Hands out bytes of the block, or false when it has no room. Alignment may carry the cursor past `end`;
+// what is left is negative then, and less than any size.
+inline bool block_carve(PoolBlock& block, uint32_t size, uint32_t alignment, void** result) {
   uint8_t* const start = align_up(block.last, alignment);
-  if (start > block.end || static_cast<size_t>(block.end - start) < size) return nullptr;
+  if (block.end - start < static_cast<ptrdiff_t>(size)) return false;
   block.last = start + size;
-  return start;
+  *result = start;
+  return true;
 }
 
 // Counts a miss for every block on the search path that has a successor, moves `current` behind the last
@@ -96,15 +98,17 @@ void* palloc_block(qn_pool& pool, uint32_t size, uint32_t alignment) {
 }
 
 void* palloc_small_slow(qn_pool& pool, uint32_t size, uint32_t alignment) {
+  void* result = nullptr;
   for (PoolBlock* block = pool.current; block != nullptr; block = block->next) {
-    if (void* const result = block_carve(*block, size, alignment)) return result;
+    if (block_carve(*block, size, alignment, &result)) return result;
   }
   return palloc_block(pool, size, alignment);
 }
 
 inline void* palloc_small(qn_pool& pool, uint32_t size, uint32_t alignment) {
-  if (void* const result = block_carve(*pool.current, size, alignment)) return result;
-  return palloc_small_slow(pool, size, alignment);
+  void* result = nullptr;
+  return block_carve(*pool.current, size, alignment, &result) ? result
+                                                              : palloc_small_slow(pool, size, alignment);
 }
 
 // A free record among the first few, so that the search stays short however long the list is.
@@ -147,14 +151,6 @@ void free_large_blocks(const qn_pool& pool) {
 
 void* qn::palloc_aligned(qn_pool_t* pool, uint32_t size, uint32_t alignment) {
   return size <= pool->max ? palloc_small(*pool, size, alignment) : alloc_large(*pool, size);
-}
-
-void* qn::pcalloc_array(qn_pool_t* pool, uint32_t count, uint32_t size, uint32_t alignment) {
-  uint32_t total = 0;
-  if (__builtin_mul_overflow(count, size, &total)) return nullptr;
-  void* const result = palloc_aligned(pool, total, alignment);
-  if (result != nullptr) memset_s(result, total, 0, total);
-  return result;
 }
 
 qn_pool_t* qn_pool_create(uint32_t block_size) {

@@ -32,12 +32,6 @@ static_assert(kKeyArea + kKeyCount * sizeof(kvs_key_entry_t) == 17440);
 
 } // namespace
 
-const kvs_value_type_t& value_type_of_key_index(uint32_t key_index) {
-  const kvs_value_type_t* row = kvs_value_types;
-  while (key_index >= uint32_t{row->first_key_index} + row->slot_count) row++;
-  return *row;
-}
-
 const kvs_value_type_t* value_type_for_length(uint32_t value_len) {
   for (const kvs_value_type_t& row : kvs_value_types) {
     if (value_len <= row.value_size_max()) return &row;

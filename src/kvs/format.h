@@ -59,9 +59,6 @@ struct kvs_value_type_t {
 
 extern const kvs_value_type_t kvs_value_types[kValueTypeCount];
 
-// The class that holds the index, which is below kKeyCount.
-const kvs_value_type_t& value_type_of_key_index(uint32_t key_index);
-
 // The smallest class for a value of this length, or null.
 const kvs_value_type_t* value_type_for_length(uint32_t value_len);
 

@@ -35,7 +35,7 @@ void mend_busy_entry(kvs_key_entry_t& entry, const kvs_value_type_t& type, uint3
 }
 
 kvs_node_t* make_node(kvstore_t& store, const kvs_value_type_t& type, uint32_t key_index) {
-  kvs_node_t* const node = pcalloc_objects<kvs_node_t>(store.pool);
+  kvs_node_t* const node = pcalloc_object<kvs_node_t>(store.pool);
   if (node == nullptr) {
     const int error = errno;
     QN_LOG(kNodeFailed, error, ErrorText(error).text());
@@ -48,8 +48,7 @@ kvs_node_t* make_node(kvstore_t& store, const kvs_value_type_t& type, uint32_t k
 }
 
 // A slot without a node cannot be handed out until the next open; a busy key without one stays readable.
-void index_key(kvstore_t& store, uint32_t key_index) {
-  const kvs_value_type_t& type = value_type_of_key_index(key_index);
+void index_key(kvstore_t& store, const kvs_value_type_t& type, uint32_t key_index) {
   kvs_key_entry_t& entry = key_entry(store.db_addr, key_index);
   kvs_node_t* const node = make_node(store, type, key_index);
   if (entry.key_len == 0) {
@@ -83,7 +82,10 @@ void kvs_index_insert(kvstore_t& store, kvs_key_entry_t& entry) {
 
 void qn_kvs_build_indexs(kvstore_t& store) {
   const TraceScope trace(kTraceBuild);
-  for (uint32_t key_index = 0; key_index < kKeyCount; key_index++) index_key(store, key_index);
+  uint32_t key_index = 0;
+  for (const kvs_value_type_t& type : kvs_value_types) {
+    for (uint32_t i = 0; i < type.slot_count; i++) index_key(store, type, key_index++);
+  }
   kvs_commit(store);
 }
 

@@ -102,6 +102,14 @@ StorePtr make_store(qn_pool_t* pool, const char* path) {
   return StorePtr(store);
 }
 
+// Whether there is no such file. A question that could not be answered for another reason is no licence
+// to make the file anew: what may be there would be lost.
+bool is_absent(const char* dbfile) {
+  if (qn_file_is_exist(dbfile) != 0) return false;
+  return errno == ENOENT || errno == ENOTDIR || errno == EACCES || errno == ENAMETOOLONG ||
+         errno == ELOOP;
+}
+
 // Makes the directories of a file. dirname() may change its argument.
 int32_t make_directories(const char* dbfile) {
   char path[sizeof(kvstore_t::dbfile)] = "";
@@ -181,7 +189,7 @@ uint32_t read_image(int32_t fd, uint8_t* image) {
 // Takes the descriptor over and loads the whole file into a private image.
 int32_t qn_kvs_safe_load_dbfile(kvstore_t& store, UniqueFd& fd) {
   store.fd = fd.release();
-  store.db_addr = static_cast<uint8_t*>(qn_alloc(kDbSize));
+  store.db_addr = static_cast<uint8_t*>(alloc_unfilled(kDbSize));
   if (store.db_addr == nullptr) {
     const int error = errno;
     QN_LOG(kImageFailed, store.dbfile, error, ErrorText(error).text(), static_cast<int>(kDbSize));
@@ -248,8 +256,8 @@ int32_t qn_kvs_open(kvstore_t** store, qn_pool_t* pool, const char* path) {
   }
   qn::StorePtr opened = qn::make_store(pool, path);
   if (!opened) return -1;
-  const bool exists = qn_file_is_exist(opened->dbfile) != 0;
-  if ((exists ? qn::open_and_load(*opened) : qn::create_and_load(*opened)) != 0) return -1;
+  const bool absent = qn::is_absent(opened->dbfile);
+  if ((absent ? qn::create_and_load(*opened) : qn::open_and_load(*opened)) != 0) return -1;
   if (qn::make_lists(*opened) != 0) return -1;
   qn::qn_kvs_build_indexs(*opened);
   *store = opened.release();

@@ -295,7 +295,7 @@ int32_t qn_kvs_get(kvstore_t* store, const qn_str_t* key, void** value, uint16_t
     return -1;
   }
   QN_LOG(kGetFound, key->data, entry->value_type, entry->value_index(), length);
-  *value = qn_memalign(kAlignment, length);
+  *value = memalign_unfilled(kAlignment, length);
   if (*value == nullptr) {
     QN_LOG(kGetNoBlock, key->data);
     *value_len = 0;

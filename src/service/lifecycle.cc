@@ -136,7 +136,7 @@ void* qn_service_loop(void* arg) {
 int32_t qn_service_start_with_thread(qn_cycle_t* cycle, const qn_service_conf_t* conf,
                                      const qn_apis_t* apis, pthread_t* thread) {
   if (cycle == nullptr || conf == nullptr) return kNullArgument;
-  qn_service_t* const service = qn::pcalloc_objects<qn_service_t>(cycle->pool);
+  qn_service_t* const service = qn::pcalloc_object<qn_service_t>(cycle->pool);
   if (service == nullptr) return kNoMemory;
   service->cycle = cycle;
   service->apis = apis;

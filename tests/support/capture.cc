@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <regex>
 #include <sstream>
 
 std::ostream& operator<<(std::ostream& out, const Record& record) {
@@ -42,16 +41,37 @@ void StderrCapture::clear() {
   if (ftruncate(memory_, 0) == 0) lseek(memory_, 0, SEEK_SET);
 }
 
+namespace {
+
+// Takes the text up to `end` off the front of the line; false where there is no `end`.
+bool take(std::string& line, const std::string& end, std::string* out) {
+  const size_t at = line.find(end);
+  if (at == std::string::npos) return false;
+  *out = line.substr(0, at);
+  line.erase(0, at + end.size());
+  return true;
+}
+
+bool parse(std::string line, Record* record) {
+  std::string logid;
+  const bool whole = take(line, " [", &record->stamp) && take(line, "] [", &logid) &&
+                     take(line, "] [", &record->level) && take(line, "] [", &record->module) &&
+                     take(line, "] ", &record->biz_name);
+  if (!whole || logid.size() < 4 || logid.find_first_not_of("0123456789") != std::string::npos)
+    return false;
+  record->logid = static_cast<uint32_t>(std::stoul(logid));
+  record->text = line;
+  return true;
+}
+
+} // namespace
+
 std::vector<Record> StderrCapture::records() const {
-  static const std::regex form(
-      R"((\d\d-\d\d \d\d:\d\d:\d\d \d{1,6}) \[(\d{4,})\] \[([^\]]*)\] \[([^\]]*)\] \[([^\]]*)\] ([^]*))");
   std::vector<Record> found;
   std::istringstream lines(text());
   for (std::string line; std::getline(lines, line);) {
-    std::smatch match;
-    if (!std::regex_match(line, match, form)) continue;
-    found.push_back(
-        {match[1], static_cast<uint32_t>(std::stoul(match[2])), match[3], match[4], match[5], match[6]});
+    Record record;
+    if (parse(line, &record)) found.push_back(record);
   }
   return found;
 }
