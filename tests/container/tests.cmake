@@ -1,3 +1,4 @@
 quill_test(container_test
   container/config_test.cc
+  container/hash_table_test.cc
   container/string_map_test.cc)

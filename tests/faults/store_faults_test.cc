@@ -176,6 +176,7 @@ std::vector<Row> store_rows() {
       {"open_old", open_old, "malloc", ENOMEM, {{-1, {524, 484}}, {-1, {524, 482}}}},
       {"open_old", open_old, "posix_memalign", ENOMEM, pool, kFail, kMore},
       {"open_old", open_old, "tsearch", ENOMEM, {{0, {467}}, {0, {467}}, {0, {467}}}},
+      {"open_old", open_old, "stat", ENOMEM, {{0}}}, // what may be there is not made anew
       {"open_old", open_old, "open", EMFILE, {{-1, {488}}}},
       {"open_old", open_old, "lseek", ESPIPE, {{0}, {-1, {479}}, {0}, {0, {517}}, {0}}},
       {"open_old", open_old, "read", EIO, {{-1, {463}}, {-1, {480}}}},

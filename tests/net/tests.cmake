@@ -1,0 +1,1 @@
+quill_test(net_test net/net_test.cc)

@@ -1,0 +1,1 @@
+quill_test(proc_test proc/proc_test.cc)
