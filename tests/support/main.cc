@@ -26,6 +26,10 @@ void close_descriptors_not_in(const std::set<int>& kept) {
   }
 }
 
+// A call that asks for what it cannot get shall fail under a sanitizer as it does without one.
+extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+extern "C" const char* __tsan_default_options() { return "allocator_may_return_null=1"; }
+
 namespace {
 
 class LeakListener : public testing::EmptyTestEventListener {

@@ -1,0 +1,358 @@
+// The bus client: what it sends against recorded exchanges, and how it takes a broker that is bad or
+// gone.
+//
+// There is one client for a process, so each case runs it in a child of its own. The child's records come
+// back through a pipe on its standard error, and its handler's view of each event through them too.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <libubus.h>
+#include <poll.h>
+#include <quillcore/bus.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/temp_dir.h"
+
+namespace {
+
+constexpr int kDeadlineMs = 20000;
+
+// --- the client, in a child ---
+
+std::string describe(blob_attr* attr);
+
+std::string describe_fields(blob_attr* container) {
+  std::string text;
+  blob_attr* field;
+  size_t rem;
+  blobmsg_for_each_attr(field, container, rem) text += describe(field) + " ";
+  return text;
+}
+
+std::string describe(blob_attr* attr) {
+  if (!blobmsg_check_attr(attr, false)) return "malformed";
+  const std::string name = std::string(blobmsg_name(attr)) + "=";
+  switch (blobmsg_type(attr)) {
+    case BLOBMSG_TYPE_INT8:
+      return name + std::to_string(blobmsg_get_u8(attr));
+    case BLOBMSG_TYPE_INT16:
+      return name + std::to_string(blobmsg_get_u16(attr));
+    case BLOBMSG_TYPE_INT32:
+      return name + std::to_string(static_cast<int32_t>(blobmsg_get_u32(attr)));
+    case BLOBMSG_TYPE_INT64:
+      return name + std::to_string(blobmsg_get_u64(attr));
+    case BLOBMSG_TYPE_DOUBLE:
+      return name + std::to_string(blobmsg_get_double(attr));
+    case BLOBMSG_TYPE_STRING:
+      return name + "'" + blobmsg_get_string(attr) + "'";
+    case BLOBMSG_TYPE_TABLE:
+      return name + "{ " + describe_fields(attr) + "}";
+    case BLOBMSG_TYPE_ARRAY:
+      return name + "[ " + describe_fields(attr) + "]";
+    default:
+      return name + "null";
+  }
+}
+
+void on_event(ubus_context*, ubus_event_handler*, const char* type, blob_attr* msg) {
+  fprintf(stderr, "event %s: %s\n", type, describe_fields(msg).c_str());
+}
+
+int32_t on_connected(ubus_context* ctx) {
+  fprintf(stderr, "connected %s\n", ctx != nullptr ? "with a context" : "without");
+  return 0;
+}
+
+// A child that runs the client until it is ended, and what it prints.
+class Client {
+ public:
+  Client(const std::string& path, const char* pattern) {
+    int ends[2];
+    EXPECT_EQ(0, pipe2(ends, O_CLOEXEC));
+    child_ = fork();
+    if (child_ == 0) {
+      dup2(ends[1], STDERR_FILENO);
+      qn_ubus_init();
+      qn_ubus_add_handler(1, on_connected);
+      if (pattern != nullptr) qn_ubus_add_event_handler(pattern, on_event);
+      qn_ubus_start(path.c_str());
+      for (;;) pause();
+    }
+    close(ends[1]);
+    output_ = ends[0];
+  }
+  ~Client() {
+    kill(child_, SIGKILL);
+    waitpid(child_, nullptr, 0);
+    close(output_);
+  }
+
+  // Reads on until the text has appeared behind what was waited for before; false when it does not come.
+  bool waits_for(const std::string& wanted) {
+    for (;;) {
+      const size_t at = text_.find(wanted, seen_);
+      if (at != std::string::npos) {
+        seen_ = at + wanted.size();
+        return true;
+      }
+      struct pollfd poll_fd = {output_, POLLIN, 0};
+      char buffer[4096];
+      if (poll(&poll_fd, 1, kDeadlineMs) != 1) return false;
+      const ssize_t got = read(output_, buffer, sizeof(buffer));
+      if (got <= 0) return false;
+      text_.append(buffer, static_cast<size_t>(got));
+    }
+  }
+
+  const std::string& text() const { return text_; }
+  pid_t pid() const { return child_; }
+
+ private:
+  pid_t child_ = -1;
+  int output_ = -1;
+  std::string text_;
+  size_t seen_ = 0;
+};
+
+// --- recorded exchanges ---
+
+struct Step {
+  std::string kind; // S, C, connection, close
+  std::string bytes;
+};
+
+std::vector<Step> read_steps(const std::string& name) {
+  std::ifstream in(std::string(TEST_DATA_DIR "/bus/") + name + ".txt");
+  std::vector<Step> steps;
+  for (std::string line; std::getline(in, line);) {
+    Step step{line.substr(0, line.find_first_of("> ")), ""};
+    std::string digits;
+    for (const char c : line.substr(step.kind.size())) {
+      if (isxdigit(static_cast<unsigned char>(c))) digits += c;
+    }
+    if (step.kind == "S" || step.kind == "C") {
+      for (size_t i = 0; i + 1 < digits.size(); i += 2) {
+        step.bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
+      }
+    }
+    steps.push_back(step);
+  }
+  return steps;
+}
+
+int listen_at(const std::string& path) {
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  snprintf(address.sun_path, sizeof(address.sun_path), "%s", path.c_str());
+  unlink(path.c_str());
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  EXPECT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
+  EXPECT_EQ(0, listen(fd, 4));
+  return fd;
+}
+
+std::string read_exactly(int fd, size_t size) {
+  std::string bytes(size, '\0');
+  for (size_t got = 0; got < size;) {
+    struct pollfd poll_fd = {fd, POLLIN, 0};
+    if (poll(&poll_fd, 1, kDeadlineMs) != 1) return bytes.substr(0, got);
+    const ssize_t more = read(fd, bytes.data() + got, size - got);
+    if (more <= 0) return bytes.substr(0, got);
+    got += static_cast<size_t>(more);
+  }
+  return bytes;
+}
+
+// Plays the broker's side; what the client sends must be the recorded bytes, ids included, since they
+// come from what the broker sent.
+void replay(const std::vector<Step>& steps, int listener) {
+  int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+  for (const Step& step : steps) {
+    if (step.kind == "S") {
+      EXPECT_EQ(static_cast<ssize_t>(step.bytes.size()), write(fd, step.bytes.data(), step.bytes.size()));
+    } else if (step.kind == "C") {
+      EXPECT_EQ(step.bytes, read_exactly(fd, step.bytes.size()));
+    } else if (step.kind == "close") {
+      close(fd);
+      fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    }
+  }
+  struct pollfd poll_fd = {fd, POLLIN, 0};
+  EXPECT_EQ(0, poll(&poll_fd, 1, 50)) << "the client has more to say than was recorded";
+  close(fd);
+}
+
+TEST(BusReplay, SendsWhatWasRecorded) {
+  const struct {
+    const char* name;
+    const char* pattern;
+    std::vector<std::string> printed;
+  } rows[] = {
+      {"a-connect-hello-free", nullptr, {"connected with a context"}},
+      {"b-event-exact", "mesh.status", {"event mesh.status: node='leaf-1' hops=2 up=1 \n"}},
+      {"c-event-wildcard", "mesh.*", {"event mesh.status: node='leaf-1' hops=2 up=1 \n"}},
+      {"d-broker-restart",
+       "mesh.status",
+       {"event mesh.status: node='leaf-1'", "[0617] [I]",
+        "event mesh.status: node='leaf-2' hops=3 up=0 \n"}},
+      {"e-event-types",
+       "mesh.types",
+       {"event mesh.types: i8=127 i16=4660 i32=-2 i64=81985529216486895 dbl=",
+        "empty='' s4='abcd' nul=null "
+        "tab={ "}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const TempDir dir;
+    const int listener = listen_at(dir.file("bus"));
+    Client client(dir.file("bus"), row.pattern);
+    replay(read_steps(row.name), listener);
+    for (const std::string& wanted : row.printed) EXPECT_TRUE(client.waits_for(wanted)) << client.text();
+    close(listener);
+  }
+}
+
+TEST(BusReplay, EndsWhenItMayNotListen) {
+  const TempDir dir;
+  const int listener = listen_at(dir.file("bus"));
+  Client client(dir.file("bus"), "mesh.status");
+  const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+  for (const Step& step : read_steps("g-register-denied")) {
+    if (step.kind == "S") EXPECT_LT(0, write(fd, step.bytes.data(), step.bytes.size()));
+    if (step.kind == "C") EXPECT_EQ(step.bytes, read_exactly(fd, step.bytes.size()));
+  }
+  EXPECT_EQ("", read_exactly(fd, 1)) << "it closes its socket";
+  EXPECT_TRUE(client.waits_for("qn_ubus_register_event failed.")) << client.text();
+  close(fd);
+  close(listener);
+  // The thread is gone, and with it its hold on the signals that end a process.
+  kill(client.pid(), SIGTERM);
+  int status = 0;
+  siginfo_t info = {};
+  EXPECT_EQ(0, waitid(P_PID, static_cast<id_t>(client.pid()), &info, WEXITED | WNOWAIT));
+  status = info.si_status;
+  EXPECT_EQ(SIGTERM, status);
+}
+
+// --- a broker of our own, with faults ---
+
+class Broker {
+ public:
+  Broker(const std::string& path, const char* fault) {
+    int ends[2];
+    EXPECT_EQ(0, pipe2(ends, O_CLOEXEC));
+    child_ = fork();
+    if (child_ == 0) {
+      dup2(ends[1], STDOUT_FILENO);
+      execl(TEST_BROKER, TEST_BROKER, path.c_str(), fault, nullptr);
+      _exit(1);
+    }
+    close(ends[1]);
+    char word[8];
+    EXPECT_LT(0, read(ends[0], word, sizeof(word))) << "the broker serves";
+    close(ends[0]);
+  }
+  ~Broker() {
+    kill(child_, SIGKILL);
+    waitpid(child_, nullptr, 0);
+  }
+
+ private:
+  pid_t child_ = -1;
+};
+
+void send_event(const std::string& path, const char* value) {
+  const std::string command = std::string(TEST_BROKER) + " send " + path + " mesh.status node=" + value;
+  EXPECT_EQ(0, system(command.c_str()));
+}
+
+TEST(BusFaults, AFirstConnectionThatFailsEndsTheThread) {
+  for (const char* fault : {"no-hello", "close-on-accept", "hello-version", "length-3", "length-2m"}) {
+    SCOPED_TRACE(fault);
+    const TempDir dir;
+    const Broker broker(dir.file("bus"), fault);
+    Client client(dir.file("bus"), "mesh.*");
+    EXPECT_TRUE(client.waits_for("[0621] [E] [qn_ubus] [qn_ubus_loop] Failed to connect to ubus."))
+        << client.text();
+  }
+}
+
+TEST(BusFaults, ASlowOrTalkativeBrokerIsServed) {
+  const struct {
+    const char* fault;
+    const char* event;
+  } rows[] = {{"hello-in-pieces", nullptr},
+              {"bytewise", nullptr},
+              {"event-inside", "event mesh.inside: \n"},
+              {"odd-invokes", "event mesh.good: \n"}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.fault);
+    const TempDir dir;
+    const Broker broker(dir.file("bus"), row.fault);
+    Client client(dir.file("bus"), "mesh.*");
+    EXPECT_TRUE(client.waits_for("[0623] [I]")) << client.text();
+    if (row.event != nullptr)
+      EXPECT_TRUE(client.text().find(row.event) != std::string::npos || client.waits_for(row.event));
+    send_event(dir.file("bus"), "leaf-1");
+    EXPECT_TRUE(client.waits_for("event mesh.status: node='leaf-1' \n")) << client.text();
+  }
+}
+
+TEST(BusFaults, ALostConnectionIsRepairedWithItsSubscription) {
+  const TempDir dir;
+  const std::string path = dir.file("bus");
+  auto broker = std::make_unique<Broker>(path, nullptr);
+  Client client(path, "mesh.*");
+  ASSERT_TRUE(client.waits_for("[0623] [I]")) << client.text();
+  // The second attempt meets a broker that goes away in the middle, the one after it a good one.
+  for (const char* fault :
+       {static_cast<const char*>(nullptr), "close-on-add", "close-on-register", "no-status"}) {
+    SCOPED_TRACE(fault != nullptr ? fault : "gone");
+    broker.reset();
+    ASSERT_TRUE(client.waits_for("[0616] [E]")) << client.text();
+    broker = std::make_unique<Broker>(path, fault);
+    if (fault != nullptr) ASSERT_TRUE(client.waits_for("[0616] [E]")) << client.text();
+    if (fault != nullptr && strcmp(fault, "no-status") == 0) {
+      broker.reset();
+      broker = std::make_unique<Broker>(path, nullptr);
+    }
+    ASSERT_TRUE(client.waits_for("[0617] [I]")) << client.text();
+    send_event(path, "leaf-2");
+    EXPECT_TRUE(client.waits_for("event mesh.status: node='leaf-2' \n")) << client.text();
+  }
+}
+
+TEST(BusTables, HoldTheirLimits) {
+  fflush(stderr);
+  const pid_t child = fork();
+  if (child == 0) {
+    close(STDERR_FILENO);
+    open("/dev/null", O_WRONLY);
+    bool held = qn_ubus_init() == 0 && qn_ubus_add_event_handler(nullptr, on_event) == -1 &&
+                qn_ubus_add_event_handler("a", nullptr) == -1 &&
+                qn_ubus_add_event_handler(std::string(32, 'e').c_str(), on_event) == -1 &&
+                qn_ubus_add_event_handler(std::string(31, 'e').c_str(), on_event) == 0 &&
+                qn_ubus_add_event_handler("b", on_event) == -1;
+    for (uint32_t type = 0; type < 7; type++) held = held && qn_ubus_add_handler(type, nullptr) == 0;
+    held = held && qn_ubus_add_handler(3, on_connected) == 0;  // an update takes no row
+    held = held && qn_ubus_add_handler(7, on_connected) == 0;  // the eighth
+    held = held && qn_ubus_add_handler(3, on_connected) == -1; // full: an update is refused too
+    held = held && qn_ubus_init() == 0 && qn_ubus_add_handler(8, on_connected) == -1;
+    _exit(held && qn_ubus_start(nullptr) == -1 && qn_ubus_stop() == 0 ? 0 : 1);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(0, status);
+}
+
+} // namespace
