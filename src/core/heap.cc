@@ -10,7 +10,6 @@
 
 namespace {
 
-using qn::ErrorText;
 using qn::Message;
 
 constexpr Message kAllocated{QN_LOG_D, 523, "alloc", "memalloc", "malloc ptr=%p, size=%d success."};

@@ -15,7 +15,6 @@
 
 namespace {
 
-using qn::kRoleCount;
 using qn::Message;
 using qn::MutexGuard;
 using qn::PermissionKey;
