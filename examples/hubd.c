@@ -1,7 +1,8 @@
 // hubd: a small daemon that keeps settings in a store and serves them on a local socket.
 //
-//   hubd --dir DIR [--store FILE] [--socket PATH]
+//   hubd --dir DIR [--store FILE] [--socket PATH] [--bus PATH]
 //
+// With --bus it joins the bus whose socket is there and listens to the mesh (bus_handlers.c).
 // DIR exists; FILE is DIR/hubd.kvs and PATH is DIR/hubd.sock unless said otherwise. hubd stays in the
 // foreground, prints a line on standard output when it serves, and ends on SIGTERM or SIGINT. Its log is
 // in /tmp/quillnet/log/; what the library says before that is open goes to standard error.
@@ -9,7 +10,7 @@
 // This file is about the order in which a process brings the library up and takes it down:
 //
 //   up     qn_init_dir, qn_cycle_new, qn_log_new_singleton_instance, qn_kvs_open, the handler table,
-//          qn_service_start_with_thread
+//          qn_service_start_with_thread, and the bus last
 //   down   qn_service_stop_with_thread, qn_kvs_close, the end of the process
 //
 // What the requests do is in store_handlers.c, what they look like in hub_protocol.h.
@@ -24,6 +25,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "bus_handlers.h"
 #include "hub_protocol.h"
 #include "store_handlers.h"
 
@@ -40,6 +42,7 @@ static struct {
   qn_service_conf_t conf;
   char store_path[PATH_SIZE];
   char socket_path[PATH_SIZE]; // `conf` borrows it
+  const char* bus_path;        // null for none
 } hub;
 
 static int fail(const char* what) {
@@ -66,11 +69,14 @@ static int read_arguments(int argc, char** argv) {
       store = argv[i + 1];
     } else if (strcmp(argv[i], "--socket") == 0) {
       socket = argv[i + 1];
+    } else if (strcmp(argv[i], "--bus") == 0) {
+      hub.bus_path = argv[i + 1];
     } else {
       unknown = 1;
     }
   }
-  if (unknown || dir == NULL) return fail("usage: hubd --dir DIR [--store FILE] [--socket PATH]");
+  if (unknown || dir == NULL)
+    return fail("usage: hubd --dir DIR [--store FILE] [--socket PATH] [--bus PATH]");
   if (choose_path(hub.store_path, store, dir, "hubd.kvs") != 0) return -1;
   return choose_path(hub.socket_path, socket, dir, "hubd.sock");
 }
@@ -129,6 +135,9 @@ static int bring_up(void) {
       .server_path = hub.socket_path, .backlog = 8, .max_msg_len = HUB_BODY_MAX, .slot = 0};
   if (qn_service_start_with_thread(hub.cycle, &hub.conf, apis, NULL) != 0) {
     return fail("cannot start the service");
+  }
+  if (hub.bus_path != NULL && hub_bus_start(hub.bus_path, &hub.store) != 0) {
+    return fail("cannot start the bus client");
   }
   return wait_until_served();
 }

@@ -213,6 +213,20 @@ void hub_store_close(hub_store_t* hub) {
   pthread_mutex_unlock(&hub->lock);
 }
 
+int hub_store_put_text(hub_store_t* hub, const char* key, const char* text) {
+  char name[QN_KVS_KEY_MAX + 1];
+  const size_t len = strlen(key);
+  if (len > QN_KVS_KEY_MAX) return -1;
+  memcpy(name, key, len + 1);
+  const qn_str_t counted = {(uint32_t)len, name};
+
+  int result = -1;
+  pthread_mutex_lock(&hub->lock);
+  if (hub->store != NULL) result = qn_kvs_put_fmt(hub->store, &counted, "%s", text);
+  pthread_mutex_unlock(&hub->lock);
+  return result;
+}
+
 qn_apis_t* hub_store_apis(qn_pool_t* pool, hub_store_t* hub) {
   // Constant: the same rows could serve a second store. The copy that is made of them carries `hub`.
   static const qn_api_entry_t rows[] = {

@@ -21,6 +21,9 @@ void hub_store_init(hub_store_t* hub, kvstore_t* store);
 // HUB_ERR_CLOSING. Returns with all that was acknowledged on disk.
 void hub_store_close(hub_store_t* hub);
 
+// Stores a text under a key from any thread. Returns 0; -1 when it does not fit or the store is closed.
+int hub_store_put_text(hub_store_t* hub, const char* key, const char* text);
+
 // The handler table over `hub`, made from `pool`, which must outlive the service.
 // Returns null when the pool has no memory.
 qn_apis_t* hub_store_apis(qn_pool_t* pool, hub_store_t* hub);

@@ -1,9 +1,5 @@
 # The stand-in is what these tests are about; against an installed libubus the same cases hold but for the
 # faults that it waits on without a limit.
-add_executable(test_broker bus/broker_main.cc)
-target_compile_features(test_broker PRIVATE cxx_std_20)
-target_link_libraries(test_broker PRIVATE quillcore_warnings quillcore_platform)
-
 quill_test(bus_test bus/bus_test.cc)
 add_dependencies(bus_test test_broker)
 target_compile_definitions(bus_test PRIVATE
