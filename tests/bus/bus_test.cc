@@ -8,6 +8,7 @@
 #include <libubus.h>
 #include <poll.h>
 #include <quillcore/bus.h>
+#include <quillcore/utility.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -15,7 +16,9 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -235,13 +238,15 @@ TEST(BusReplay, EndsWhenItMayNotListen) {
   EXPECT_TRUE(client.waits_for("qn_ubus_register_event failed.")) << client.text();
   close(fd);
   close(listener);
-  // The thread is gone, and with it its hold on the signals that end a process.
-  kill(client.pid(), SIGTERM);
-  int status = 0;
+  // The thread ends, and with it its hold on the signals that end a process; it may be at that point
+  // still.
   siginfo_t info = {};
-  EXPECT_EQ(0, waitid(P_PID, static_cast<id_t>(client.pid()), &info, WEXITED | WNOWAIT));
-  status = info.si_status;
-  EXPECT_EQ(SIGTERM, status);
+  for (int tries = 0; tries < 200 && info.si_pid == 0; tries++) {
+    kill(client.pid(), SIGTERM);
+    poll(nullptr, 0, 20);
+    waitid(P_PID, static_cast<id_t>(client.pid()), &info, WEXITED | WNOWAIT | WNOHANG);
+  }
+  EXPECT_EQ(SIGTERM, info.si_status);
 }
 
 // --- a broker of our own, with faults ---
@@ -308,28 +313,71 @@ TEST(BusFaults, ASlowOrTalkativeBrokerIsServed) {
   }
 }
 
+size_t descriptor_count(pid_t pid) {
+  size_t count = 0;
+  for ([[maybe_unused]] const auto& entry :
+       std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
+    count++;
+  }
+  return count;
+}
+
+// The broker is killed and comes back, good or with a fault that ends the attempt in its middle.
+// QUILL_BUS_KILLS asks for more rounds than the suite has time for: a client tries again every two
+// seconds.
 TEST(BusFaults, ALostConnectionIsRepairedWithItsSubscription) {
+  const char* const faults[] = {nullptr, "close-on-add", "close-on-register", "close-on-accept",
+                                "no-hello"};
+  const char* const asked = getenv("QUILL_BUS_KILLS");
+  const size_t kills = asked != nullptr ? std::stoul(asked) : std::size(faults);
   const TempDir dir;
   const std::string path = dir.file("bus");
   auto broker = std::make_unique<Broker>(path, nullptr);
   Client client(path, "mesh.*");
   ASSERT_TRUE(client.waits_for("[0623] [I]")) << client.text();
-  // The second attempt meets a broker that goes away in the middle, the one after it a good one.
-  for (const char* fault :
-       {static_cast<const char*>(nullptr), "close-on-add", "close-on-register", "no-status"}) {
-    SCOPED_TRACE(fault != nullptr ? fault : "gone");
+  const size_t descriptors = descriptor_count(client.pid());
+  for (size_t i = 0; i < kills; i++) {
+    const char* const fault = faults[i % std::size(faults)];
+    SCOPED_TRACE(std::to_string(i) + " " + (fault != nullptr ? fault : "gone"));
     broker.reset();
     ASSERT_TRUE(client.waits_for("[0616] [E]")) << client.text();
     broker = std::make_unique<Broker>(path, fault);
     if (fault != nullptr) ASSERT_TRUE(client.waits_for("[0616] [E]")) << client.text();
-    if (fault != nullptr && strcmp(fault, "no-status") == 0) {
+    // The first two faults happen once; a broker with one of the others does not become good by itself.
+    if (i % std::size(faults) >= 3) {
       broker.reset();
       broker = std::make_unique<Broker>(path, nullptr);
     }
     ASSERT_TRUE(client.waits_for("[0617] [I]")) << client.text();
     send_event(path, "leaf-2");
     EXPECT_TRUE(client.waits_for("event mesh.status: node='leaf-2' \n")) << client.text();
+    EXPECT_EQ(descriptors, descriptor_count(client.pid()));
   }
+}
+
+// The loop reaps no child of others: each call that waits for its own gets its status.
+TEST(BusChildren, KeepTheirStatusBesideTheLoop) {
+  const TempDir dir;
+  const std::string path = dir.file("bus");
+  const Broker broker(path, nullptr);
+  const pid_t child = fork();
+  if (child == 0) {
+    close(STDERR_FILENO);
+    open("/dev/null", O_WRONLY);
+    qn_ubus_start(path.c_str());
+    int lost = 0;
+    for (int i = 0; i < 1000; i++) {
+      char output[8] = "";
+      lost += qn_os_exec_cmd(":") != 0;
+      lost += qn_os_exec_cmd_and_read_output("echo x", output, sizeof(output)) != 0 || output[0] != 'x';
+      // pclose() drops the status inside the library, so one more of our own shows whether it is there.
+      if (i % 10 == 0) lost += system(":") != 0;
+    }
+    _exit(lost == 0 ? 0 : 1);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(0, status);
 }
 
 TEST(BusTables, HoldTheirLimits) {

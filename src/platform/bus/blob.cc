@@ -31,8 +31,14 @@ size_t name_len(const blob_attr* attr) {
   return ntohs(length);
 }
 
-// Bytes of the name part: its length, the name, a NUL, padding.
-size_t name_part(const blob_attr* attr) { return padded(kNameLenSize + name_len(attr) + 1); }
+// Bytes of the name part: its length, the name, a NUL, padding. All of the payload where that does not
+// hold them.
+size_t name_part(const blob_attr* attr) {
+  const size_t length = blob_len(attr);
+  if (length < kNameLenSize) return length;
+  const size_t size = padded(kNameLenSize + name_len(attr) + 1);
+  return size < length ? size : length;
+}
 
 template <typename T>
 T value(const blob_attr* attr) {
@@ -72,7 +78,8 @@ bool blobmsg_fits(const blob_attr* attr, size_t rem) {
 bool blobmsg_check_attr(const blob_attr* attr, bool name) {
   if (!blob_is_extended(attr) || blob_id(attr) > BLOBMSG_TYPE_LAST) return false;
   const size_t length = blob_len(attr);
-  if (length < padded(kNameLenSize + 1) || length < name_part(attr)) return false;
+  if (length < padded(kNameLenSize + 1) || length < padded(kNameLenSize + name_len(attr) + 1))
+    return false;
   if (name && name_len(attr) == 0) return false;
   if (attr->data[kNameLenSize + name_len(attr)] != '\0') return false;
 
@@ -89,11 +96,7 @@ const char* blobmsg_name(const blob_attr* attr) { return attr->data + kNameLenSi
 
 void* blobmsg_data(const blob_attr* attr) { return const_cast<char*>(attr->data) + name_part(attr); }
 
-size_t blobmsg_data_len(const blob_attr* attr) {
-  const size_t length = blob_len(attr);
-  const size_t name = length >= kNameLenSize ? name_part(attr) : length + 1;
-  return name <= length ? length - name : 0;
-}
+size_t blobmsg_data_len(const blob_attr* attr) { return blob_len(attr) - name_part(attr); }
 
 blob_attr* blobmsg_walk_data(const blob_attr* attr) {
   if (attr == nullptr) return nullptr;
