@@ -30,7 +30,8 @@ struct ubus_event_handler {
 struct ubus_context* ubus_connect(const char* path);
 int ubus_reconnect(struct ubus_context* ctx, const char* path);
 void ubus_free(struct ubus_context* ctx);
-int ubus_register_event_handler(struct ubus_context* ctx, struct ubus_event_handler* ev, const char* pattern);
+int ubus_register_event_handler(struct ubus_context* ctx, struct ubus_event_handler* ev,
+                                const char* pattern);
 #ifdef __cplusplus
 }
 #endif
