@@ -36,6 +36,7 @@ typedef struct qn_intf_eth_metric {
 #define QN_INTF_POWER_ON 0
 #define QN_INTF_POWER_OFF 2 // also for every failure
 
+// Whether the kernel knows an interface of this name.
 QN_API uint32_t QnIntfIsExist(const char* intf_name);
 // Asks sysfs where QnIntfIsExist() asks the kernel by ioctl(): the interface has a `carrier` file.
 QN_API uint32_t qn_cheack_intf_is_exist(const char* intf_name);
