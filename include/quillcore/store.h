@@ -16,23 +16,25 @@
 //
 // What a crash leaves behind. A change is one write of the whole file, in place, and the format has no
 // mark for a write that was cut short. Every key that the change does not touch stays byte-exact. The
-// touched key, if the write stopped after a first part of the file:
+// touched key, if the write stopped after a whole number of sectors:
 //
 //   change                 what the next open can find
 //   new key                absent; or the key with what its slot held before: an older value, or length
-//                          0, which reads as absent; or the new length with the new value's first bytes
-//                          and older bytes behind; or the new value
-//   update, same class     the old value; the new length with the new value's first bytes and the old
-//                          value's behind; the new value
+//                          0, for which a get gives -1 with 514 although the key takes its slot; or the
+//                          new length with the new value's first bytes and older bytes behind; or the
+//                          new value
+//   update, same class     the old value; the new length with the new value's first bytes and behind them
+//                          the old value's, or zeros where that was shorter; the new value
 //   update, longer class   the old value; absent; then as a new key
 //   update, shorter class  the old value; then as a new key. Both entries can be busy: the one in the
-//                          shorter class is found, and the other comes back, with the old value, at an
-//                          open after this one was deleted or moved
+//                          shorter class is found, and the other one comes back, with the old value, at
+//                          an open after the first was deleted or moved to a place behind it
 //   delete                 the old value; absent
 //
 // A disk that reorders the parts of one write can leave any mixture of these. A file whose creation was
-// cut short has no magic or is too short; it is refused at every later open (463, 464, 480) and never
-// repaired or deleted here: remove it by hand to start afresh.
+// cut short before its first sector was written has no magic or is too short; it is refused at every
+// later open (463, 464, 480) and never repaired or deleted here: remove it by hand to start afresh. One
+// cut short later opens as an empty store.
 #ifndef QUILLCORE_STORE_H
 #define QUILLCORE_STORE_H
 
