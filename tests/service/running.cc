@@ -105,10 +105,10 @@ int32_t hold(const qn_msg_req_t* req, void** rsp_body, uint32_t* rsp_len) {
   return answer("held", rsp_body, rsp_len);
 }
 
-Services::Services()
-    : descriptors_before_(open_descriptors()), threads_before_(threads()), cycle_(qn_cycle_new()) {
+Services::Services() : descriptors_before_(open_descriptors()), cycle_(qn_cycle_new()) {
   // A sanitizer may start a thread of its own beside the first one of a process.
   std::thread([] {}).join();
+  threads_before_ = threads();
 }
 
 Services::~Services() {
