@@ -118,20 +118,19 @@ hub_result_t hub_count(hub_client_t* client, hub_answer_t* answer) {
   return hub_exchange(client, HUB_MSG_COUNT, NULL, 0, 0, answer);
 }
 
-hub_result_t hub_log(hub_client_t* client, uint8_t step, const char* role, const char* what,
-                     const char* value, hub_answer_t* answer) {
-  const char* const texts[] = {role, what, value};
-  uint8_t body[1 + 3 * (1 + UINT8_MAX)];
+hub_result_t hub_tell(hub_client_t* client, uint8_t msg_type, const uint8_t* step,
+                      const char* const* texts, size_t count, hub_answer_t* answer) {
+  uint8_t body[HUB_BODY_MAX];
   size_t body_len = 0;
-  body[body_len++] = step;
-  for (size_t i = 0; i < 3; i++) {
+  if (step != NULL) body[body_len++] = *step;
+  for (size_t i = 0; i < count; i++) {
     const size_t len = strlen(texts[i]);
-    if (len > UINT8_MAX) return HUB_NO_ANSWER;
+    if (len > UINT8_MAX || body_len + 1 + len > sizeof(body)) return HUB_NO_ANSWER;
     body[body_len++] = (uint8_t)len;
     memcpy(body + body_len, texts[i], len);
     body_len += len;
   }
-  return hub_exchange(client, HUB_MSG_LOG, body, body_len, (uint16_t)body_len, answer);
+  return hub_exchange(client, msg_type, body, body_len, (uint16_t)body_len, answer);
 }
 
 uint32_t hub_error(const hub_answer_t* answer, const char** text) {

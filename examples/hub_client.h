@@ -47,8 +47,10 @@ hub_result_t hub_put(hub_client_t* client, const char* key, const void* value, s
 hub_result_t hub_get(hub_client_t* client, const char* key, hub_answer_t* answer);
 hub_result_t hub_delete(hub_client_t* client, const char* key, hub_answer_t* answer);
 hub_result_t hub_count(hub_client_t* client, hub_answer_t* answer);
-hub_result_t hub_log(hub_client_t* client, uint8_t step, const char* role, const char* what,
-                     const char* value, hub_answer_t* answer);
+
+// A request whose body is a step, if `step` is not null, and `count` texts of at most 255 bytes.
+hub_result_t hub_tell(hub_client_t* client, uint8_t msg_type, const uint8_t* step,
+                      const char* const* texts, size_t count, hub_answer_t* answer);
 
 // The code of a refusal, 0 if it has none; its text is in `*text`, empty if it has none.
 uint32_t hub_error(const hub_answer_t* answer, const char** text);

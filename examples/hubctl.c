@@ -12,6 +12,7 @@
 
 #include "bulk.h"
 #include "hub_client.h"
+#include "inspect.h"
 
 #define COUNT_OF(array) (sizeof(array) / sizeof((array)[0]))
 
@@ -97,7 +98,8 @@ static int run_verify_series(hub_client_t* client, char** args) {
 static int change_log(hub_client_t* client, uint8_t step, const char* role, const char* what,
                       const char* value) {
   hub_answer_t answer;
-  return report(hub_log(client, step, role, what, value, &answer), &answer);
+  const char* const texts[] = {role, what, value};
+  return report(hub_tell(client, HUB_MSG_LOG, &step, texts, COUNT_OF(texts), &answer), &answer);
 }
 
 static int run_log_level(hub_client_t* client, char** args) {
@@ -125,6 +127,38 @@ static int run_log_reset(hub_client_t* client, char** args) {
   return change_log(client, HUB_LOG_RESET, "", "", "");
 }
 
+// A request that was done has printed what it shows.
+static int report_unless_done(hub_result_t result, const hub_answer_t* answer) {
+  return result == HUB_DONE ? EXIT_HELD : report(result, answer);
+}
+
+static int run_interfaces(hub_client_t* client, char** args) {
+  (void)args;
+  hub_answer_t answer;
+  return report_unless_done(inspect_interfaces(client, &answer), &answer);
+}
+
+static int run_child(hub_client_t* client, char** args) {
+  static const char* const steps[] = {[HUB_CHILD_STATUS] = "status",
+                                      [HUB_CHILD_STOP] = "stop",
+                                      [HUB_CHILD_START] = "start",
+                                      [HUB_CHILD_RESTART] = "restart"};
+  hub_answer_t answer;
+  for (uint8_t step = 0; step < COUNT_OF(steps); step++) {
+    if (strcmp(args[0], steps[step]) == 0) {
+      return report_unless_done(inspect_child(client, step, &answer), &answer);
+    }
+  }
+  fprintf(stderr, "hubctl: child takes status, stop, start or restart\n");
+  return EXIT_USAGE;
+}
+
+static int run_pair(hub_client_t* client, char** args) {
+  const char* const texts[] = {args[0], args[1], args[2]};
+  hub_answer_t answer;
+  return report(hub_tell(client, HUB_MSG_PAIR, NULL, texts, COUNT_OF(texts), &answer), &answer);
+}
+
 // The words behind "log".
 static const struct command log_commands[] = {
     {"level", 2, "ROLE LETTER", run_log_level},  {"logid", 3, "ROLE NUMBER on|off", run_log_logid},
@@ -148,6 +182,9 @@ static const struct command commands[] = {
     {"get", 1, "KEY", run_get},
     {"delete", 1, "KEY", run_delete},
     {"count", 0, "", run_count},
+    {"interfaces", 0, "", run_interfaces},
+    {"child", 1, "status|stop|start|restart", run_child},
+    {"pair", 3, "NAME PEER BRIDGE", run_pair},
     {"load", 1, "FILE", run_load},
     {"verify", 1, "FILE", run_verify},
     {"series", 4, "COUNT TELL_AFTER FILE OTHER", run_series},

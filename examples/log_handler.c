@@ -7,39 +7,9 @@
 #include <quillcore/utility.h>
 #include <stddef.h>
 #include <string.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include "hub_protocol.h"
-
-// The kernel tells who connected; nothing that a client writes can change it.
-static int peer_may_change_the_log(int32_t fd, uid_t* uid) {
-  struct ucred peer;
-  socklen_t len = sizeof(peer);
-  *uid = (uid_t)-1;
-  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &len) != 0) return 0;
-  *uid = peer.uid;
-  return peer.uid == 0 || peer.uid == geteuid();
-}
-
-// What is left of a request's body.
-typedef struct cursor {
-  const uint8_t* at;
-  uint32_t left;
-} cursor_t;
-
-// Takes one text, a byte with its length and the bytes, and terminates the copy. Returns 0, or -1 for one
-// that does not fit the rest of the body or `size`, or that holds a NUL.
-static int take_text(cursor_t* cursor, char* out, size_t size) {
-  if (cursor->left < 1) return -1;
-  const uint32_t len = cursor->at[0];
-  if (len >= size || len > cursor->left - 1 || memchr(cursor->at + 1, '\0', len) != NULL) return -1;
-  memcpy(out, cursor->at + 1, len);
-  out[len] = '\0';
-  cursor->at += 1 + len;
-  cursor->left -= 1 + len;
-  return 0;
-}
+#include "request.h"
 
 // The field that the value of each step goes to.
 static int put_value(qn_log_permit_config_t* config, const char* value) {
@@ -82,9 +52,9 @@ static int parse_change(const qn_msg_req_t* req, qn_log_permit_config_t* config)
   config->reset = req->body[0] == HUB_LOG_RESET;
   cursor_t cursor = {req->body + 1, req->body_len - 1};
   char value[sizeof(config->level)];
-  if (take_text(&cursor, config->role, sizeof(config->role)) != 0 ||
-      take_text(&cursor, config->biz_name, sizeof(config->biz_name)) != 0 ||
-      take_text(&cursor, value, sizeof(value)) != 0 || cursor.left != 0) {
+  if (request_take_text(&cursor, config->role, sizeof(config->role)) != 0 ||
+      request_take_text(&cursor, config->biz_name, sizeof(config->biz_name)) != 0 ||
+      request_take_text(&cursor, value, sizeof(value)) != 0 || cursor.left != 0) {
     return -1;
   }
   if (config->mask == QN_LOG_PERMIT_LOGID) config->logid = qn_str2num(config->biz_name, 10);
@@ -93,19 +63,12 @@ static int parse_change(const qn_msg_req_t* req, qn_log_permit_config_t* config)
 
 int32_t handle_log(const qn_msg_req_t* req, void** rsp_body, uint32_t* rsp_len) {
   uid_t uid;
-  if (!peer_may_change_the_log(req->fd, &uid)) {
-    qn_log_core_adpater(QN_LOG_W, 9003, "hubd", 1, 1, "hubd_log", "user %u may not change the log.",
-                        (unsigned)uid);
-    qn_service_make_error_msg(HUB_ERR_NOT_ALLOWED, rsp_body, rsp_len, "user %u may not change the log",
-                              (unsigned)uid);
-    return -1;
-  }
+  if (!request_is_trusted(req, &uid))
+    return request_refuse_user(uid, "change the log", rsp_body, rsp_len);
+
   qn_log_permit_config_t config;
-  if (parse_change(req, &config) != 0) {
-    qn_service_make_error_msg(HUB_ERR_MALFORMED, rsp_body, rsp_len, "malformed body of %u bytes",
-                              req->body_len);
-    return -1;
-  }
+  if (parse_change(req, &config) != 0) return request_refuse_malformed(req, rsp_body, rsp_len);
+
   if (qn_log_set_log_permit_config(&config) != 0) {
     qn_service_make_error_msg(HUB_ERR_LOG_CHANGE, rsp_body, rsp_len, "the log did not take the change");
     return -1;

@@ -14,7 +14,10 @@
 #include <string.h>
 
 #include "hub_protocol.h"
+#include "interfaces.h"
 #include "log_handler.h"
+#include "request.h"
+#include "sampler.h"
 
 // The counter is a key of the store like any other, so that it survives restarts.
 static char counter_name[] = "hubd.counter";
@@ -49,12 +52,6 @@ static int parse_keyed_body(const qn_msg_req_t* req, keyed_body_t* out) {
   return 0;
 }
 
-static int32_t refuse_malformed(const qn_msg_req_t* req, void** rsp_body, uint32_t* rsp_len) {
-  qn_service_make_error_msg(HUB_ERR_MALFORMED, rsp_body, rsp_len, "malformed body of %u bytes",
-                            req->body_len);
-  return -1;
-}
-
 // qn_kvs_get() with a reason. It gives -1 for an absent key and for an empty value alike, but touches the
 // out arguments only in the second case, so a pointer of our own in there tells the two apart.
 // Returns 0 and a block for the caller, or a HUB_ERR_* code and null.
@@ -70,7 +67,7 @@ static uint32_t look_up(kvstore_t* store, const qn_str_t* key, void** value, uin
 
 static int32_t do_put(kvstore_t* store, const qn_msg_req_t* req, void** rsp_body, uint32_t* rsp_len) {
   keyed_body_t body;
-  if (parse_keyed_body(req, &body) != 0) return refuse_malformed(req, rsp_body, rsp_len);
+  if (parse_keyed_body(req, &body) != 0) return request_refuse_malformed(req, rsp_body, rsp_len);
 
   if (body.value_len > QN_KVS_VALUE_MAX) {
     qn_service_make_error_msg(HUB_ERR_TOO_LONG, rsp_body, rsp_len, "a value of %u bytes, at most %d fit",
@@ -90,7 +87,7 @@ static int32_t do_put(kvstore_t* store, const qn_msg_req_t* req, void** rsp_body
 static int32_t do_get(kvstore_t* store, const qn_msg_req_t* req, void** rsp_body, uint32_t* rsp_len) {
   keyed_body_t body;
   if (parse_keyed_body(req, &body) != 0 || body.value_len != 0) {
-    return refuse_malformed(req, rsp_body, rsp_len);
+    return request_refuse_malformed(req, rsp_body, rsp_len);
   }
 
   void* value;
@@ -109,7 +106,7 @@ static int32_t do_get(kvstore_t* store, const qn_msg_req_t* req, void** rsp_body
 static int32_t do_delete(kvstore_t* store, const qn_msg_req_t* req, void** rsp_body, uint32_t* rsp_len) {
   keyed_body_t body;
   if (parse_keyed_body(req, &body) != 0 || body.value_len != 0) {
-    return refuse_malformed(req, rsp_body, rsp_len);
+    return request_refuse_malformed(req, rsp_body, rsp_len);
   }
 
   if (qn_kvs_delete(store, &body.key) != 0) {
@@ -139,7 +136,7 @@ static int read_counter(kvstore_t* store, int32_t* number) {
 }
 
 static int32_t do_count(kvstore_t* store, const qn_msg_req_t* req, void** rsp_body, uint32_t* rsp_len) {
-  if (req->body_len != 0) return refuse_malformed(req, rsp_body, rsp_len);
+  if (req->body_len != 0) return request_refuse_malformed(req, rsp_body, rsp_len);
 
   int32_t number;
   if (read_counter(store, &number) != 0) {
@@ -235,6 +232,9 @@ qn_apis_t* hub_store_apis(qn_pool_t* pool, hub_store_t* hub) {
       {HUB_SRC_CONFIG, HUB_MSG_DELETE, handle_delete, NULL},
       {HUB_SRC_CONFIG, HUB_MSG_COUNT, handle_count, NULL},
       {HUB_SRC_CONFIG, HUB_MSG_LOG, handle_log, NULL},
+      {HUB_SRC_CONFIG | HUB_SRC_MONITOR, HUB_MSG_INTERFACES, handle_interfaces, NULL},
+      {HUB_SRC_CONFIG, HUB_MSG_CHILD, handle_child, NULL},
+      {HUB_SRC_CONFIG, HUB_MSG_PAIR, handle_pair, NULL},
   };
   const uint32_t count = sizeof(rows) / sizeof(rows[0]);
 
