@@ -44,6 +44,18 @@ class TemporaryDirectory {
   std::string path_;
 };
 
+// While it lives, standard error goes nowhere: what the library reports is not what is measured.
+class QuietStderr {
+ public:
+  QuietStderr();
+  ~QuietStderr();
+  QuietStderr(const QuietStderr&) = delete;
+  QuietStderr& operator=(const QuietStderr&) = delete;
+
+ private:
+  int kept_;
+};
+
 } // namespace bench
 
 #endif // QUILLCORE_BENCH_BENCH_SUPPORT_H

@@ -35,23 +35,6 @@ class Settings {
   std::string path_;
 };
 
-// The reader reports each file that it reads; where that goes is not what is measured.
-class QuietStderr {
- public:
-  QuietStderr() : kept_(dup(STDERR_FILENO)) {
-    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    dup2(null, STDERR_FILENO);
-    close(null);
-  }
-  ~QuietStderr() {
-    dup2(kept_, STDERR_FILENO);
-    close(kept_);
-  }
-
- private:
-  int kept_;
-};
-
 // One read and one pass over the bytes.
 void limit(benchmark::State& state) {
   const Settings settings("");
@@ -68,7 +51,7 @@ void limit(benchmark::State& state) {
 
 void ours(benchmark::State& state) {
   const Settings settings("");
-  const QuietStderr quiet;
+  const bench::QuietStderr quiet;
   for (auto _ : state) {
     qn_map_t* const map = qn_conf_load(settings.path());
     benchmark::DoNotOptimize(map);

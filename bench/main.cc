@@ -1,4 +1,5 @@
 // The main function of every benchmark program: a process with a log instance, as a daemon has it.
+#include <fcntl.h>
 #include <quillcore/log.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -26,6 +27,18 @@ bench::TemporaryDirectory::TemporaryDirectory(const std::string& parent)
 bench::TemporaryDirectory::~TemporaryDirectory() {
   std::error_code ignored;
   std::filesystem::remove_all(path_, ignored);
+}
+
+bench::QuietStderr::QuietStderr() : kept_(dup(STDERR_FILENO)) {
+  const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  must(kept_ >= 0 && null >= 0, "opening /dev/null");
+  dup2(null, STDERR_FILENO);
+  close(null);
+}
+
+bench::QuietStderr::~QuietStderr() {
+  dup2(kept_, STDERR_FILENO);
+  close(kept_);
 }
 
 namespace {

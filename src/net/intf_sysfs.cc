@@ -98,8 +98,7 @@ int32_t QnIntfGetParameter(const char* intf_name, const char* file, char* value,
     return -1;
   }
   const SysfsPath path(intf_name, file);
-  return path.fits() && qn::sysfs_read_line(path.text(), value, size, "rce") == SysfsResult::kRead ? 0
-                                                                                                   : -1;
+  return path.fits() && qn::sysfs_read_line(path.text(), value, size) == SysfsResult::kRead ? 0 : -1;
 }
 
 uint64_t read_counter(const char* intf_name, const char* file) {

@@ -1,11 +1,15 @@
 // Small text files of the kernel about one interface.
 #include "net/sysfs.h"
 
-#include <climits>
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdio>
+#include <cstring>
 #include <memory>
 
 #include "platform/bounded_string.h"
+#include "platform/guards.h"
 
 namespace qn {
 namespace {
@@ -32,11 +36,16 @@ SysfsPath::SysfsPath(const char* intf_name, const char* directory, const char* s
             snprintf_s(text_, kSysfsPathSize, kSysfsPathSize - 1, "/sys/class/net/%s/%s/%s/%s", intf_name,
                        directory, subdirectory, file) >= 0) {}
 
-SysfsResult sysfs_read_line(const char* path, char* line, size_t size, const char* mode) {
-  const FilePtr file(fopen(path, mode));
-  if (!file) return SysfsResult::kNoFile;
-  const int room = size < INT_MAX ? static_cast<int>(size) : INT_MAX;
-  return fgets(line, room, file.get()) != nullptr ? SysfsResult::kRead : SysfsResult::kNoText;
+// The kernel gives the whole of such a file to one read, so nothing is gained by a stream with its buffer
+// from the heap.
+SysfsResult sysfs_read_line(const char* path, char* line, size_t size) {
+  const UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+  if (!fd.valid()) return SysfsResult::kNoFile;
+  const ssize_t length = read(fd.get(), line, size - 1);
+  if (length <= 0) return SysfsResult::kNoText;
+  char* const line_end = static_cast<char*>(memchr(line, '\n', static_cast<size_t>(length)));
+  *(line_end != nullptr ? line_end + 1 : line + length) = '\0';
+  return SysfsResult::kRead;
 }
 
 bool sysfs_read_hex(const char* path, unsigned int* number) {

@@ -25,8 +25,8 @@ class SysfsPath {
 
 enum class SysfsResult { kRead, kNoFile, kNoText };
 
-// Reads the first line of a file, with its line end, into `line`.
-SysfsResult sysfs_read_line(const char* path, char* line, size_t size, const char* mode = "re");
+// Reads the first line of a file, with its line end, into `line`, and no more than size - 1 bytes.
+SysfsResult sysfs_read_line(const char* path, char* line, size_t size);
 
 // Reads a hexadecimal number from a file.
 bool sysfs_read_hex(const char* path, unsigned int* number);
