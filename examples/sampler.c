@@ -19,7 +19,6 @@
 #include <signal.h>
 #include <stdatomic.h>
 #include <stddef.h>
-#include <stdio.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -84,7 +83,7 @@ static void take(const char* name, const samples_t* last, samples_t* out) {
   qn_intf_eth_metric_t metric;
   QnIntfGetEthMetric(name, &metric);
   *row = (sample_t){.rx_bytes = metric.rx_bytes, .tx_bytes = metric.tx_bytes};
-  snprintf(row->name, sizeof(row->name), "%s", name);
+  memcpy(row->name, name, strlen(name));
   const sample_t* before = find(last, name);
   if (before != NULL) {
     const int64_t elapsed_ms = out->taken_ms - last->taken_ms;

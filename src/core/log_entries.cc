@@ -7,6 +7,7 @@
 
 #include "core/log.h"
 #include "core/log_gate.h"
+#include "core/log_record.h"
 
 namespace qn {
 namespace {
@@ -56,6 +57,20 @@ int32_t qn_log_write_line(qn_log_t* log, uint32_t level, const char* line) {
   if (log == nullptr) return fputs(line, stderr);
   if (log->local_writer == nullptr) return 0;
   return log->local_writer->write(log, level, line, strnlen(line, kLogLineSize - 1));
+}
+
+void log_site(uint32_t level_and_logid, const char* module, const char* biz_name, const char* fmt, ...) {
+  const LogRecord record = {level_and_logid & ((1u << kLogidShift) - 1),
+                            level_and_logid >> kLogidShift,
+                            module,
+                            true,
+                            true,
+                            biz_name,
+                            nullptr};
+  va_list args;
+  va_start(args, fmt);
+  gated_write(log_gate_current(), qn_log_singleton_get(), record, fmt, args);
+  va_end(args);
 }
 
 } // namespace qn

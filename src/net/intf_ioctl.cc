@@ -16,8 +16,13 @@ namespace {
 using qn::IntfRequest;
 using qn::UniqueFd;
 
+// The C libraries differ in the type of an ioctl's number.
+template <typename Number>
+Number number_type(int (*)(int, Number, ...));
+using IoctlNumber = decltype(number_type(&ioctl));
+
 // Fills in the request and asks; false for every failure, without a word.
-bool ask(const char* intf_name, unsigned long what, IntfRequest* request) {
+bool ask(const char* intf_name, IoctlNumber what, IntfRequest* request) {
   const UniqueFd fd = qn::make_request_socket();
   return fd.valid() && request->set_name(intf_name) && ioctl(fd.get(), what, request) == 0;
 }

@@ -1,0 +1,10 @@
+# x86-64 with musl; programs run natively. MUSL_ROOT is what scripts/musl-root made.
+set(_root ${MUSL_ROOT}/x64)
+set(MUSL_PREFIX "")
+set(MUSL_INCLUDE /usr/include/x86_64-linux-musl)
+set(MUSL_LIBRARIES /usr/lib/x86_64-linux-musl /lib/x86_64-linux-musl)
+set(MUSL_KERNEL ${_root}/kernel)
+set(MUSL_CXX_ROOT /usr/include/c++)
+set(MUSL_CXX_TRIPLET /usr/include/x86_64-linux-gnu/c++/@version@)
+set(CMAKE_FIND_ROOT_PATH ${_root})
+include(${CMAKE_CURRENT_LIST_DIR}/musl.cmake)
