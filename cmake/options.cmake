@@ -19,7 +19,9 @@ target_link_libraries(quillcore_options INTERFACE quillcore_warnings quillcore_p
 target_compile_options(quillcore_options INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>
   -fno-unwind-tables -fno-asynchronous-unwind-tables
-  -ffunction-sections -fdata-sections -fstack-protector)
+  -ffunction-sections -fdata-sections -fstack-protector
+  # The same bytes, wherever the tree lies.
+  -ffile-prefix-map=${PROJECT_SOURCE_DIR}=.)
 
 if(QUILL_SANITIZE)
   add_compile_options(-fsanitize=${QUILL_SANITIZE} -fno-omit-frame-pointer -g)
