@@ -68,6 +68,8 @@ TEST_F(HashTable, HandsBackWhatItReplacesOrRemoves) {
   EXPECT_EQ(1, qn_table_length(table_));
   EXPECT_EQ(0, g_freed) << "what leaves the table is the caller's";
 
+  _qn_table_put(table_, "lent", as_value(4), count_free);
+  _qn_table_put(table_, "lent", as_value(4), nullptr);
   _qn_table_put(table_, "kept", as_value(4), nullptr);
   _qn_table_put(table_, "kept", as_value(5), count_free);
   qn_table_t* const same = table_;
@@ -96,9 +98,10 @@ TEST(HashTableSize, FollowsTheHint) {
   const struct {
     int32_t hint;
     uint32_t buckets;
-  } rows[] = {{0, 509},       {509, 509},     {1021, 509},       {1022, 1021},
-              {2053, 1021},   {2054, 2053},   {8192, 8191},      {32771, 16381},
-              {65521, 32771}, {65522, 65521}, {INT32_MAX, 65521}};
+  } rows[] = {{0, 509},       {509, 509},        {1021, 509},    {1022, 1021},   {2053, 1021},
+              {2054, 2053},   {4093, 2053},      {4094, 4093},   {8191, 4093},   {8192, 8191},
+              {16381, 8191},  {16382, 16381},    {32771, 16381}, {32772, 32771}, {65521, 32771},
+              {65522, 65521}, {INT32_MAX, 65521}};
   const StderrCapture capture;
   for (const auto& row : rows) {
     qn_table_t* table = _qn_table_new(row.hint, nullptr, nullptr);
@@ -121,18 +124,55 @@ TEST(HashTableSize, FollowsTheHint) {
   }
 }
 
-TEST_F(HashTable, KeepsAChainWholeAroundARemoval) {
+TEST_F(HashTable, KeepsAChainWholeAndNewestFirst) {
   qn_table_t* table = _qn_table_new(
-      0, [](const char* key, const char* stored) { return strcasecmp(key, stored); },
+      0,
+      // The caller's keys are in capitals, the stored ones are not: which comes first shows.
+      [](const char* key, const char* stored) { return *key == *stored - 'a' + 'A' ? 0 : 1; },
       [](const char*) -> uint32_t { return 0xFFFFFFFFu; });
-  for (const char* key : {"a", "b", "c"})
-    _qn_table_put(table, key, as_value(static_cast<uintptr_t>(*key)), nullptr);
-  EXPECT_EQ(as_value('b'), qn_table_remove(table, "B")) << "the caller's functions decide what is equal";
-  EXPECT_EQ(as_value('a'), qn_table_get(table, "A"));
-  EXPECT_EQ(as_value('c'), qn_table_get(table, "C"));
   std::swap(table, table_);
-  EXPECT_EQ((std::vector<std::string>{"c", "a"}), walk());
   qn_table_free(&table);
+  char values[] = "d\0c\0b\0a";
+  for (const char* key : {"a", "b", "c", "d"})
+    EXPECT_EQ(nullptr, _qn_table_put(table_, key, values + 2 * ('d' - *key), count_free));
+  EXPECT_EQ((std::vector<std::string>{"d", "c", "b", "a"}), walk());
+  EXPECT_EQ(values + 4, _qn_table_put(table_, "B", values + 6, count_free));
+  EXPECT_EQ((std::vector<std::string>{"d", "c", "b", "a"}), walk()) << "a replaced value moves nothing";
+  EXPECT_EQ(values + 6, qn_table_remove(table_, "B"));
+  EXPECT_EQ(nullptr, qn_table_remove(table_, "b"));
+  EXPECT_EQ(values + 6, qn_table_get(table_, "A"));
+  EXPECT_EQ(values, qn_table_get(table_, "D"));
+
+  void** const array = qn_table_toarray(table_, this);
+  const char* const keys[] = {"d", "c", "a"};
+  for (size_t i = 0; i < 3; i++) {
+    EXPECT_STREQ(keys[i], static_cast<char*>(array[2 * i]));
+    EXPECT_STREQ(keys[i], static_cast<char*>(array[2 * i + 1]));
+  }
+  EXPECT_EQ(this, array[6]);
+  qn_free(array);
+
+  StderrCapture capture;
+  qn::log_gate_set_current(qn::kGateOpen);
+  qn_table_print(table_, 1);
+  std::string printed;
+  for (const Record& record : capture.records(404)) printed += record.text;
+  EXPECT_EQ("[d] = d[c] = c[a] = a", printed);
+  qn_table_map(
+      table_,
+      [](const char*, void** value, void* closure) -> int32_t {
+        *value = closure;
+        return -1; // is ignored
+      },
+      this);
+  for (const char* key : {"A", "C", "D"}) EXPECT_EQ(this, qn_table_remove(table_, key));
+  EXPECT_EQ(0, qn_table_length(table_));
+  void** const empty = qn_table_toarray(table_, this);
+  EXPECT_EQ(this, empty[0]);
+  qn_free(empty);
+  qn_table_free(&table_);
+  table_ = nullptr;
+  EXPECT_EQ(0, g_freed) << "values that left by a put or a removal are the caller's";
 }
 
 TEST_F(HashTable, PrintsOnTheConsole) {
@@ -144,8 +184,11 @@ TEST_F(HashTable, PrintsOnTheConsole) {
   qn_table_print(table_, 0);
   ASSERT_EQ((std::vector<uint32_t>{404, 405}), capture.logids());
   EXPECT_EQ("[key] = value", capture.records(404)[0].text);
-  EXPECT_EQ("qn_table_print", capture.records(404)[0].biz_name);
-  EXPECT_NE(std::string::npos, capture.text().find("value\n\n")) << "its own line feed and the record's";
+  char pointer[64];
+  snprintf(pointer, sizeof(pointer), "[key] = %p\n\n", static_cast<void*>(text));
+  const std::string printed = capture.text();
+  EXPECT_TRUE(printed.ends_with(pointer)) << "its own line feed and the record's";
+  EXPECT_NE(std::string::npos, printed.find(" [0404] [I] [qn_table] [qn_table_print] [key] = value\n\n"));
 }
 
 TEST_F(HashTable, MayBeUsedByManyThreads) {

@@ -1,7 +1,10 @@
 #include "faults/shim.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <linux/sockios.h>
 #include <pthread.h>
+#include <signal.h>
 #include <sys/epoll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -16,6 +19,7 @@
 #include <mutex>
 #include <new>
 #include <unordered_set>
+#include <vector>
 
 namespace {
 
@@ -144,6 +148,33 @@ WRAP_FCNTL(fcntl)
 WRAP_FCNTL(fcntl64)
 WRAP_FCNTL(__fcntl_time64)
 
+std::string_view ioctl_name(unsigned long request) {
+  switch (request) {
+    case SIOCGIFINDEX:
+      return "SIOCGIFINDEX";
+    case SIOCGIFFLAGS:
+      return "SIOCGIFFLAGS";
+    case SIOCSIFFLAGS:
+      return "SIOCSIFFLAGS";
+    case SIOCGIFHWADDR:
+      return "SIOCGIFHWADDR";
+    case SIOCETHTOOL:
+      return "SIOCETHTOOL";
+    case SIOCBRADDIF:
+      return "SIOCBRADDIF";
+    default:
+      return "ioctl";
+  }
+}
+
+// musl has a signed request here. The callers of either pass a register's worth.
+#define WRAP_IOCTL(name)                                                                      \
+  WRAP(int, name, (int fd, unsigned long request, void* argument)) {                          \
+    return hit(ioctl_name(request & UINT32_MAX)) ? -1 : __real_##name(fd, request, argument); \
+  }
+WRAP_IOCTL(ioctl)
+WRAP_IOCTL(__ioctl_time64)
+
 #define WRAP_STAT(name) \
   WRAP_PLAIN("stat", -1, int, name, (const char* path, struct stat* status), (path, status))
 WRAP_STAT(stat)
@@ -176,6 +207,30 @@ WRAP_PLAIN("fork", -1, pid_t, fork, (), ())
 WRAP_PLAIN("execv", -1, int, execv, (const char* path, char* const arguments[]), (path, arguments))
 WRAP_PLAIN("popen", nullptr, FILE*, popen, (const char* command, const char* mode), (command, mode))
 WRAP_PLAIN("fgets", nullptr, char*, fgets, (char* line, int size, FILE* stream), (line, size, stream))
+
+WRAP_PLAIN("kill", -1, int, kill, (pid_t pid, int number), (pid, number))
+WRAP_PLAIN("unlink", -1, int, unlink, (const char* path), (path))
+WRAP_PLAIN("access", -1, int, access, (const char* path, int mode), (path, mode))
+WRAP_PLAIN("dup2", -1, int, dup2, (int from, int to), (from, to))
+WRAP_PLAIN("pipe2", -1, int, pipe2, (int* ends, int flags), (ends, flags))
+WRAP_PLAIN("opendir", nullptr, DIR*, opendir, (const char* path), (path))
+WRAP_PLAIN("readdir", nullptr, dirent*, readdir, (DIR * directory), (directory))
+WRAP_PLAIN("readdir", nullptr, dirent*, readdir64, (DIR * directory), (directory))
+WRAP_PLAIN("fopen", nullptr, FILE*, fopen, (const char* path, const char* mode), (path, mode))
+WRAP_PLAIN("fopen", nullptr, FILE*, fopen64, (const char* path, const char* mode), (path, mode))
+
+// Goes on as execvp(), which takes its arguments as a vector.
+extern "C" int __wrap_execlp(const char* file, const char* first, ...) {
+  if (hit("execlp")) return -1;
+  std::vector<char*> arguments;
+  va_list args;
+  va_start(args, first);
+  for (const char* text = first; text != nullptr; text = va_arg(args, const char*))
+    arguments.push_back(const_cast<char*>(text));
+  va_end(args);
+  arguments.push_back(nullptr);
+  return execvp(file, arguments.data());
+}
 
 // An error other than EINTR comes as if somebody else had waited for the child.
 WRAP(pid_t, waitpid, (pid_t child, int* status, int options)) {

@@ -20,7 +20,7 @@ enum How {
 
 struct Fault {
   // "malloc" is calloc() too: the compiler turns one into the other. fcntl() and epoll_ctl() go by their
-  // commands: "F_GETFL", "F_SETFL", "EPOLL_CTL_ADD", "EPOLL_CTL_MOD".
+  // commands: "F_GETFL", "F_SETFL", "EPOLL_CTL_ADD", "EPOLL_CTL_MOD"; ioctl() too: "SIOCGIFINDEX".
   std::string_view call;
   int nth; // from 1
   int error;

@@ -25,6 +25,7 @@ struct Outcome {
   int64_t result = 0;
   std::vector<uint32_t> records = {}; // logids of the failures that are reported, in order
   int error = 0;                      // the errno that they name, where it is not the injected one
+  const char* text = "";              // part of what is printed on standard error
 
   bool has(uint32_t logid) const { return std::ranges::count(records, logid) != 0; }
 };
@@ -68,6 +69,9 @@ std::vector<Row> memory_rows();
 std::vector<Row> utils_rows();
 std::vector<Row> service_rows();
 std::vector<Row> store_rows();
+// These run in a child that has files, devices and interfaces of its own: see make_own_system().
+std::vector<Row> proc_net_rows();
+void make_own_system();
 
 struct PoolFree {
   void operator()(qn_pool_t* pool) const { qn_pool_free(pool); }

@@ -1,0 +1,443 @@
+// Daemons, children, pid files, random keys and interfaces, on a system of their own: see
+// make_own_system().
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <quillcore/interface.h>
+#include <quillcore/process.h>
+#include <quillcore/utility.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "faults/table.h"
+#include "platform/guards.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using namespace shim;
+
+constexpr char kPidFile[] = "/tmp/quillnet/x.pid";
+constexpr int32_t kUntouched = -7;
+
+std::string pid_bytes(int32_t pid) { return {reinterpret_cast<const char*>(&pid), sizeof(pid)}; }
+
+struct Call : Operation {
+  Call(int64_t (*made)(), const Outcome& outcome) : call(made) { undisturbed = outcome; }
+  // What the interface functions print on standard output is read like their records.
+  int64_t run() override {
+    fflush(nullptr);
+    const qn::UniqueFd kept(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0));
+    dup3(STDERR_FILENO, STDOUT_FILENO, 0);
+    errno = 0;
+    const int64_t result = call();
+    fflush(stdout);
+    dup3(kept.get(), STDOUT_FILENO, 0);
+    return result;
+  }
+
+  int64_t (*call)();
+};
+
+Make on(int64_t (*call)(), const Outcome& undisturbed = {}) { return make<Call>(call, undisturbed); }
+
+// The exit status of the child, or the signal that ended it, negated. The fault stays armed in the child.
+int64_t ended(int32_t pid) {
+  spare(true);
+  int status = 0;
+  EXPECT_EQ(pid, waitpid(pid, &status, 0));
+  spare(false);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+qn_child_proc_t child_record() {
+  qn_child_proc_t child = {};
+  child.entry = [](void*) -> int32_t { _exit(7); };
+  child.name = "worker";
+  child.pid = child.read_fd = child.write_fd = kUntouched;
+  return child;
+}
+
+int64_t start_child() {
+  qn_child_proc_t child = child_record();
+  const int32_t result = qn_proc_child_start(&child);
+  EXPECT_EQ(result != 0, child.read_fd == kUntouched && child.write_fd == kUntouched);
+  EXPECT_EQ(result != 0, child.pid == kUntouched);
+  if (result != 0) return result;
+  close(child.read_fd);
+  close(child.write_fd);
+  return ended(child.pid);
+}
+
+// How the child ended, provided that the stop succeeded.
+int64_t stop_child(int32_t (*entry)(void*)) {
+  qn_child_proc_t child = child_record();
+  child.entry = entry;
+  spare(true);
+  EXPECT_EQ(0, qn_proc_child_start(&child));
+  spare(false);
+  EXPECT_EQ(0, qn_proc_child_stop(&child));
+  return ended(child.pid);
+}
+
+int64_t stop_leaving() { return stop_child(child_record().entry); }
+
+int64_t stop_staying() {
+  return stop_child([](void*) -> int32_t {
+    for (;;) pause();
+  });
+}
+
+int64_t start_program() {
+  char name[] = "true";
+  char* const arguments[] = {name, nullptr};
+  int32_t pid = kUntouched;
+  const int32_t result = qn_proc_child_start_exec("name", "/bin/true", arguments, &pid);
+  EXPECT_EQ(result != 0, pid == kUntouched);
+  return result == 0 ? ended(pid) : result;
+}
+
+int64_t stop_program() { return qn_proc_child_stop_exec("/bin/true", "name", getpid() + 1); }
+
+// Only the child's process goes on as a daemon; what it says comes through a pipe.
+int64_t daemonise() {
+  int ends[2] = {-1, -1};
+  EXPECT_EQ(0, pipe(ends));
+  spare(true);
+  const pid_t starter = fork();
+  spare(false);
+  if (starter == 0) {
+    spare(false);
+    const char answer = qn_daemon() == 0 ? 'y' : 'n';
+    _exit(write(ends[1], &answer, 1) == 1 ? 0 : 1);
+  }
+  close(ends[1]);
+  EXPECT_EQ(0, ended(starter));
+  char answer = '-';
+  const ssize_t got = read(ends[0], &answer, 1);
+  close(ends[0]);
+  return got == 1 && answer == 'y' ? 0 : kUntouched;
+}
+
+// The pid file afterwards is one of these; which, goes into the result.
+constexpr int64_t kUnchanged = 100;
+constexpr int64_t kGone = 200;
+
+int64_t take_pid_file(const std::string& before) {
+  write_file(kPidFile, before);
+  const int32_t result = qn_proc_check_or_create_pidfile("x.pid");
+  disarm();
+  if (!std::filesystem::exists(kPidFile)) return kGone + result;
+  const std::string after = read_file(kPidFile);
+  if (result == 0) EXPECT_EQ(pid_bytes(getpid()), after);
+  return result == 0 ? 0 : (after == before ? kUnchanged : 0) + result;
+}
+
+int64_t take_stale() { return take_pid_file(pid_bytes(0)); }
+int64_t take_own() { return take_pid_file(pid_bytes(getpid())); }
+
+int64_t clean_pid_file() {
+  write_file(kPidFile, pid_bytes(getpid()));
+  const int32_t result = qn_proc_clean_pidfile("x.pid");
+  EXPECT_EQ(result != 0, std::filesystem::exists(kPidFile));
+  return result;
+}
+
+// The length of the key; a key of less than four characters leaves nothing behind.
+int64_t random_key() {
+  char key[5] = {'#', '#', '#', '#', '#'};
+  qn_generate_random_key(key, 4);
+  EXPECT_EQ('\0', key[4]);
+  const int64_t length = static_cast<int64_t>(strlen(key));
+  if (length < 4) EXPECT_EQ(5, std::count(key, key + 5, '\0'));
+  return length;
+}
+
+int64_t random_number() {
+  spare(true);
+  const qn::UniqueFd fd(qn_random_open());
+  spare(false);
+  return qn_random_get_num(fd.get());
+}
+
+int64_t random_open() {
+  const qn::UniqueFd fd(qn_random_open());
+  return fd.valid() ? 0 : -1;
+}
+
+int64_t hardware_address() {
+  uint8_t mac[6] = {9, 9, 9, 9, 9, 9};
+  const int32_t result = qn_utils_get_intf_mac_addr("left0", mac);
+  EXPECT_EQ(result != 0, std::count(mac, mac + 6, 9) == 6);
+  return result;
+}
+
+// How many ends are up, or the result of a failed call.
+int64_t make_pair() {
+  EXPECT_EQ(0, system("ip link del made0 2>/dev/null; :"));
+  const int32_t result = QnIntfCreateVEthPair("made0", "made1");
+  disarm();
+  return result == 0 ? int64_t{QnIntfIsUp("made0")} + QnIntfIsUp("made1") : result;
+}
+
+int64_t join_bridge() { return QnIntfAddIfToBridge("right0", "left0"); }
+
+int64_t read_counters() {
+  qn_intf_eth_metric_t metric;
+  QnIntfGetEthMetric("port0", &metric);
+  return static_cast<int64_t>(metric.rx_packets + metric.rx_errors + metric.tx_packets +
+                              metric.tx_errors + metric.rx_bytes + metric.tx_bytes);
+}
+
+int64_t port_name() {
+  char name[16] = "untouched";
+  const int32_t result = QnIntfGetNameByPortNo("bridge0", 10, name, sizeof(name));
+  EXPECT_STREQ(result == 0 ? "port0" : "untouched", name);
+  return result;
+}
+
+template <auto question>
+int64_t ask_about_pair() {
+  return question("left0");
+}
+
+template <auto question>
+int64_t ask_about_port() {
+  return question("port0");
+}
+
+int64_t is_on_bridge() { return QnIntfIsOnBridge("bridge0", "port0"); }
+int64_t is_bridge() { return QnBridgeIsExist("bridge0"); }
+
+} // namespace
+
+// A folder for pid files; devices that are plain files; a pair of interfaces that are up, in a network of
+// their own; and under /sys/class/net a bridge and a port that the kernel does not know.
+void make_own_system() {
+  using std::filesystem::create_directories;
+  create_directories("/tmp/quillnet");
+  ASSERT_EQ(0, unshare(CLONE_NEWNET));
+  ASSERT_EQ(0, mount("tmpfs", "/dev", "tmpfs", 0, nullptr));
+  write_file("/dev/console", "");
+  write_file("/dev/null", "");
+  write_file("/dev/random", "sixteen bytes...");
+  ASSERT_EQ(0, mount("tmpfs", "/sys/class/net", "tmpfs", 0, nullptr));
+  ASSERT_EQ(0, QnIntfCreateVEthPair("left0", "right0"));
+
+  const std::string port = "/sys/class/net/port0/", bridge = "/sys/class/net/bridge0/";
+  for (const char* folder : {"statistics", "brport"}) create_directories(port + folder);
+  create_directories(bridge + "bridge");
+  create_directories(bridge + "brif/port0");
+  write_file(port + "carrier", "1\n");
+  write_file(port + "operstate", "dormant\n");
+  write_file(port + "speed", "1000\n");
+  write_file(port + "brport/port_no", "0xa\n");
+  write_file(bridge + "brif/port0/port_no", "0xa\n");
+  int value = 1;
+  for (const char* file :
+       {"rx_packets", "rx_errors", "tx_packets", "tx_errors", "rx_bytes", "tx_bytes"}) {
+    write_file(port + "statistics/" + file, std::to_string(value) + "\n");
+    value *= 2;
+  }
+}
+
+std::vector<Row> proc_net_rows() {
+  const Make start = on(start_child, {7}), stop = on(stop_leaving, {7}), program = on(start_program);
+  const Make stop_exec = on(stop_program), daemon = on(daemonise), clean = on(clean_pid_file);
+  const Make stale = on(take_stale, {0, {602}});
+  const Make own = on(take_own, {kUnchanged + QN_PROC_ALIVE, {599, 600}});
+  const Make key = on(random_key, {4}), mac = on(hardware_address);
+  const Make number = on(random_number, {0x74786973}); // "sixt"
+  const Make pair = on(make_pair, {2}), join = on(join_bridge, {-1});
+  const Make exists = on(ask_about_pair<QnIntfIsExist>, {1}), up = on(ask_about_pair<QnIntfIsUp>, {1});
+  const Make index = on([]() -> int64_t { return QnIntfNameToIndex("left0") > 0; }, {1});
+  const Make veth = on(ask_about_pair<QnIntfIsVEthDev>, {1});
+  const Make bridge_dev = on(ask_about_pair<QnIntfIsBridgeDev>, {0});
+  const Make power = on(ask_about_port<QnIntfGetPowerState>, {QN_INTF_POWER_ON});
+  const Make state = on(ask_about_port<QnIntfGetOperState>, {QN_INTF_OPER_DORMANT});
+  const Make speed = on(ask_about_port<QnIntfGetSpeed>, {1000}), counters = on(read_counters, {63});
+  const Make port = on(ask_about_port<QnIntfGetPortIndex>, {9}), name = on(port_name);
+  const Make check = on(ask_about_port<qn_cheack_intf_is_exist>, {1});
+  const std::vector<Outcome> one_counter_less = {{62}, {61}, {59}, {55}, {47}, {31}};
+  const char* const no_flags = "Failed to get device made1 flags, errno:19\n";
+  const char* const no_socket = "Failed to create socket, errno=24\n";
+  const char* const failed_work = "Child process work failed, errno=0\n";
+  const char* const gone =
+      " [0602] [E] [child_proc] [check_exist_pidfile] "
+      "pidfile=/tmp/quillnet//x.pid exist, but another process not exist.\n";
+  const char* const pipe_failed =
+      " [0000] [E] [child_proc] [child_proc_start] pipe failed. errno=(24,Too many open files)\n";
+  const char* const unfit = " [E] [child_proc] [child_proc_start] pipe failed. errno=(1,";
+  return {
+      {"child_start", start, "pipe2", EMFILE, {{-1, {0}, 0, pipe_failed}, {-1, {0}, 0, pipe_failed}}},
+      {"child_start", start, "F_SETFL", EPERM, {{-1, {0}, 0, unfit}, {-1, {0}, 0, unfit}}},
+      {"child_start",
+       start,
+       "fork",
+       EAGAIN,
+       {{-1, {588}, 0, " [0588] [E] [child_proc] [child_proc_start] fork failed\n"}}},
+      {"child_stop", stop, "write", EAGAIN, {{7}}},
+      {"child_stop", stop, "read", EINTR, {{7}}}, // it goes on waiting
+      {"child_stop_staying", on(stop_staying), "read", EIO, {{-SIGTERM}}, kFail, kUntried},
+      {"child_stop", stop, "kill", ESRCH, {{7, {}, 0, " [0591] [I] [child_proc] [child_proc_stop] "}}},
+      {"start_exec",
+       program,
+       "fork",
+       ENOMEM,
+       {{-1, {592}, 0, " [0592] [E] [child_proc] [child_proc_start] fork failed\n"}}},
+      {"start_exec", program, "execv", ENOENT, {{255}}}, // it shows in the child's status only
+      {"stop_exec",
+       stop_exec,
+       "kill",
+       EPERM,
+       {{0, {}, 0, " [0594] [I] [child_proc] [proc_child_stop_exec] ready to stop name, pid="}}},
+      {"daemon",
+       daemon,
+       "fork",
+       EAGAIN,
+       {{kUntouched}, {kUntouched, {}, 0, " [0407] [I] [daemon] [daemon] 1st fork() success.\n"}}},
+      {"daemon",
+       daemon,
+       "open",
+       ENXIO,
+       {{0,
+         {},
+         0,
+         " [0000] [I] [daemon] [daemon] open(\"/dev/console\") failed. errno=(6,No such device or "}}},
+      {"daemon",
+       daemon,
+       "dup2",
+       EBUSY,
+       {{0, {}, 0, " [0000] [I] [daemon] [daemon] dup2(STDERR_FILENO) failed. errno=(16,Device or "}}},
+      {"stale_pid_file", stale, "stat", EACCES, {{0}}}, // as if there were none
+      {"stale_pid_file",
+       stale,
+       "open",
+       EACCES,
+       {{kUnchanged - 1,
+         {598},
+         0,
+         " [0598] [E] [child_proc] [check_exist_pidfile] open pidfile=/tmp/quillnet//x.pid failed.\n"},
+        {kUnchanged - 1,
+         {602, 595},
+         0,
+         " [0595] [E] [child_proc] [create_pidfile] create pidfile=/tmp/quillnet//x.pid failed.\n"}}},
+      {"stale_pid_file",
+       stale,
+       "write",
+       ENOSPC,
+       {{kGone - 1, {602, 596}, 0, " [0596] [E] [child_proc] [create_pidfile] write pid="}}},
+      {"stale_pid_file", stale, "write", 0, {{kGone - 1, {602, 596}}}, kShort},
+      {"own_pid_file", own, "read", EIO, {{0, {602}, 0, gone}}},
+      {"own_pid_file", own, "read", 0, {{0, {602}, 0, gone}}, kShort},
+      {"own_pid_file", own, "read", 0, {{0, {602}, 0, gone}}, kNothing},
+      {"own_pid_file", own, "kill", EPERM, {{0, {602}, 0, gone}}},
+      {"clean_pid_file", clean, "unlink", EBUSY, {{-1}}},
+      {"random_key", key, "open", ENOENT, {{0}}},
+      {"random_key", key, "read", EIO, {{0}, {0}, {0}, {0}}},
+      {"random_key", key, "read", 0, {{0}, {0}, {0}, {0}}, kShort},
+      {"random_number", number, "read", EBADF, {{0}}},
+      {"random_open", on(random_open), "open", EMFILE, {{-1}}},
+      {"mac_addr", mac, "socket", EMFILE, {{-1}}},
+      {"mac_addr", mac, "SIOCGIFHWADDR", ENODEV, {{-1}}},
+      {"make_pair", pair, "fork", EAGAIN, {{-1, {}, 0, "Failed to fork new process, errno=11\n"}}},
+      {"make_pair", pair, "execlp", ENOENT, {{-1, {}, 0, failed_work}}},
+      {"make_pair", pair, "waitpid", EINTR, {{2}}},
+      {"make_pair", pair, "waitpid", ECHILD, {{-1, {}, 0, "Child process work failed, errno=10\n"}}},
+      {"make_pair", pair, "socket", EMFILE, {{1, {}, 0, no_socket}, {1, {}, 0, no_socket}}},
+      {"make_pair",
+       pair,
+       "SIOCGIFFLAGS",
+       ENODEV,
+       {{1, {}, 0, "Failed to get device made0 flags, errno:19\n"}, {1, {}, 0, no_flags}}},
+      {"make_pair",
+       pair,
+       "SIOCSIFFLAGS",
+       EPERM,
+       {{1, {}, 0, "Failed to set tap device made0 flags, errno:1\n"},
+        {1, {}, 0, "Failed to set tap device made1 flags, errno:1\n"}}},
+      {"join_bridge",
+       join,
+       "socket",
+       EMFILE,
+       {{-1, {}, 0, "Create socket failed, errno=24.\n"},
+        {-1, {}, 0, "Interface left0 is not exist.\n"}}},
+      {"join_bridge", join, "SIOCGIFINDEX", ENODEV, {{-1, {}, 0, "Interface left0 is not exist.\n"}}},
+      {"join_bridge", join, "SIOCBRADDIF", EBUSY, {{0}}}, // a port already
+      {"join_bridge",
+       join,
+       "SIOCBRADDIF",
+       EPERM,
+       {{-1, {}, 0, "Add interface left0 to bridge right0 failed, errno=1.\n"}}},
+      {"is_exist", exists, "socket", EMFILE, {{0}}},
+      {"is_exist", exists, "SIOCGIFINDEX", EIO, {{0}}},
+      {"is_up", up, "socket", EMFILE, {{0}}},
+      {"is_up", up, "SIOCGIFFLAGS", EIO, {{0}}},
+      {"index", index, "socket", EMFILE, {{0}}},
+      {"index", index, "SIOCGIFINDEX", EIO, {{0}}},
+      {"is_veth", veth, "socket", EMFILE, {{0, {}, 0, no_socket}}},
+      {"is_veth", veth, "SIOCETHTOOL", EOPNOTSUPP, {{0}}},
+      {"is_bridge_dev", bridge_dev, "socket", EMFILE, {{0, {}, 0, no_socket}}},
+      {"power",
+       power,
+       "open",
+       EACCES,
+       {{2,
+         {528},
+         0,
+         " [0528] [D] [link] [QnIntfGetPowerState] open file=/sys/class/net/port0/carrier error. "
+         "errno=13\n"}}},
+      {"power",
+       power,
+       "F_GETFL",
+       EBADF,
+       {{2, {529}, 0, " [E] [link] [QnIntfGetPowerState] Fcntl error for F_GETFL. errno=9\n"}}},
+      {"power",
+       power,
+       "F_SETFL",
+       EPERM,
+       {{2, {530}, 0, " [E] [link] [QnIntfGetPowerState] Fcntl error for F_SETFL. errno=1\n"}}},
+      {"power",
+       power,
+       "read",
+       0,
+       {{2,
+         {531},
+         0,
+         " [D] [link] [QnIntfGetPowerState] read file=/sys/class/net/port0/carrier error. errno=0\n"}},
+       kNothing},
+      {"power",
+       power,
+       "read",
+       EINVAL,
+       {{2,
+         {},
+         0,
+         " [0532] [D] [link] [QnIntfGetPowerState] file=/sys/class/net/port0/carrier state=\n"}}},
+      {"state", state, "open", ENOENT, {{QN_INTF_OPER_NOT_PRESENT}}},
+      {"state", state, "read", EIO, {{QN_INTF_OPER_TESTING}}},
+      {"speed", speed, "open", EMFILE, {{0}}},
+      {"speed", speed, "read", EINVAL, {{0}}},
+      {"counters", counters, "open", EMFILE, one_counter_less},
+      {"counters", counters, "read", EIO, one_counter_less},
+      {"counters", counters, "read", 0, one_counter_less, kNothing},
+      {"port_index", port, "fopen", EMFILE, {{-1}}},
+      // The first two entries are "." and "..", which are passed over in any case.
+      {"port_name", name, "opendir", EMFILE, {{-1}}},
+      {"port_name", name, "readdir", EBADF, {{-1}, {-1}, {-1}}},
+      {"port_name", name, "fopen", EMFILE, {{0}, {0}, {-1}}},
+      {"carrier_exists", check, "access", EACCES, {{0}}},
+      {"on_bridge", on(is_on_bridge, {1}), "access", EACCES, {{0}}},
+      {"bridge_exists", on(is_bridge, {1}), "stat", EACCES, {{0}}},
+  };
+}
