@@ -1,6 +1,8 @@
 // The size-class table and the proof that it covers the file as laid out.
 #include "kvs/format.h"
 
+#include <iterator>
+
 namespace qn {
 
 constexpr kvs_value_type_t kvs_value_types[kValueTypeCount] = {
@@ -24,6 +26,7 @@ constexpr bool table_has_no_gap() {
   return index == kKeyCount && offset == 80896;
 }
 
+static_assert(std::size(kvs_value_types) == 7);
 static_assert(table_has_no_gap());
 static_assert(sizeof(kvs_key_entry_t) == 36 && alignof(kvs_key_entry_t) == 1);
 static_assert(offsetof(kvs_key_entry_t, key_len) == 32 && offsetof(kvs_key_entry_t, value_type) == 33);

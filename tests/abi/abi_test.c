@@ -498,8 +498,8 @@ static void test_utilities(void) {
             strcmp(output, "a b") == 0,
         "what a command prints");
   check(write_text(in_folder("pairs"), "alpha:1\nbeta:2\n") == 0 &&
-            qn_os_read_value_by_key_from_file(in_folder("pairs"), "^beta", ":", output,
-                                              sizeof(output)) == 0 &&
+            qn_os_read_value_by_key_from_file(in_folder("pairs"), "^beta", ":", output, sizeof(output)) ==
+                0 &&
             output[0] == '2',
         "a value out of a file");
   check(qn_os_exec_vcmd("test %d -eq %s", 5, "5") == 0, "a command with arguments");

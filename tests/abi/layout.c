@@ -1,5 +1,6 @@
-// The size of each public structure, and the offset of each of its fields, as the compiler of a target sees
-// them. It is compiled to assembly and never run: each line of the list is a comment in there, ">NAME NUMBER".
+// The size of each public structure, and the offset of each of its fields, as the compiler of a target
+// sees them. It is compiled to assembly and never run: each line of the list is a comment in there,
+// ">NAME NUMBER".
 #include <quillcore/quillcore.h>
 #include <stddef.h>
 

@@ -1,7 +1,7 @@
-// Takes the place of the compiler's header of this name where Debian's g++, which is made for glibc, compiles
-// against musl: found first, it lets the standard headers parse. Only header-only parts of the standard
-// library are used then; what is declared below does not exist in musl, and -z defs refuses any use of it.
-// A compiler that is made for musl has a header of its own.
+// Takes the place of the compiler's header of this name where Debian's g++, which is made for glibc,
+// compiles against musl: found first, it lets the standard headers parse. Only header-only parts of the
+// standard library are used then; what is declared below does not exist in musl, and -z defs refuses any
+// use of it. A compiler that is made for musl has a header of its own.
 #ifndef QN_SHIM_OS_DEFINES_H
 #define QN_SHIM_OS_DEFINES_H
 
