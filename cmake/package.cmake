@@ -32,4 +32,5 @@ set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "Headers, the static library, pkg-co
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "The example daemon hubd and its client hubctl.")
 # The tarball is of everything; the Debian packages are one a component.
 set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_CURRENT_LIST_DIR}/package_generator.cmake)
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/package_times.cmake)
 include(CPack)
