@@ -64,7 +64,8 @@ QN_API int32_t QnIntfGetSpeed(const char* intf_name);
 // Returns the kernel's index of the interface; 0 on failure.
 QN_API int32_t QnIntfNameToIndex(const char* intf_name);
 
-// Returns the zero-based port index of a bridge port; -1 on failure; 0 when the path does not fit.
+// Returns the zero-based port index of a bridge port; -1 on failure; 0 when the path does not fit and for
+// a null name.
 QN_API int32_t QnIntfGetPortIndex(const char* intf_name);
 
 // Finds the port of a bridge that the kernel counts as `port_no`, from 1 on. Its name goes to `name`, cut

@@ -49,10 +49,10 @@ typedef struct qn_child_proc {
 // when the fork failed (logged, 588), the record being unchanged. The child does not return.
 QN_API int32_t qn_proc_child_start(qn_child_proc_t* child);
 
-// Sends the stop word, waits without limit until the child writes a word or closes its end, closes both
-// descriptors, sends SIGTERM. A heartbeat that nobody has read ends the wait too. The caller reaps the
-// child. SIGPIPE should be ignored: the child may be gone.
-// Returns 0; -1 for a null record.
+// Sends the stop word, waits without limit, past signals too, until the child writes a word or closes its
+// end, closes both descriptors, sends SIGTERM. A heartbeat that nobody has read ends the wait too. The
+// caller reaps the child. SIGPIPE should be ignored: the child may be gone. Returns 0; -1 for a null
+// record.
 QN_API int32_t qn_proc_child_stop(qn_child_proc_t* child);
 
 // Writes the heartbeat word on the record's `write_fd`. A full pipe costs the beat and never blocks.

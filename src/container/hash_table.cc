@@ -27,7 +27,7 @@ struct qn_table_node_t {
   char* key; // the table's own copy
   void* value;
   qn_table_free_t free_fn;
-  uint32_t hash_value;
+  uint32_t hash_value; // spares a look at the keys of a chain's other nodes
 };
 
 // The prime before the one where the search stops, so large hints get fewer buckets than keys.
@@ -88,9 +88,9 @@ class Place {
   void unlink() const { *link_ = (*link_)->next; }
 
  private:
-  // Equal texts have equal hashes; what functions of the caller's hold equal, only they know.
+  // Equal texts have equal hashes of ours; what functions of the caller's hold equal, only they know.
   bool matches(const qn_table_t& table, const qn_table_node_t& node, const char* key) const {
-    if (table.cmp == default_cmp) return node.hash_value == hash_ && strcmp(key, node.key) == 0;
+    if (table.cmp == default_cmp && table.hash == default_hash && node.hash_value != hash_) return false;
     return table.cmp(key, node.key) == 0;
   }
 
@@ -108,9 +108,9 @@ qn_table_node_t* make_node(const char* key, uint32_t hash) {
   return node.release();
 }
 
-void free_node(qn_table_node_t* node) {
-  free(node->key);
-  qn_free(node);
+// Under the mutex; the length is read without it.
+void add_to_length(qn_table_t& table, int32_t change) {
+  __atomic_store_n(&table.length, table.length + change, __ATOMIC_RELAXED);
 }
 
 // Calls visit(node) for all nodes, bucket by bucket, the newest of a chain first. `visit` may release it.
@@ -151,7 +151,7 @@ void* _qn_table_put(qn_table_t* table, const char* key, void* value, qn_table_fr
     node = make_node(key, place.hash());
     if (node == nullptr) return nullptr;
     place.push_front(node);
-    table->length++;
+    add_to_length(*table, 1);
   }
   node->value = value;
   node->free_fn = free_fn;
@@ -174,8 +174,9 @@ void* qn_table_remove(qn_table_t* table, const char* key) {
   if (node == nullptr) return nullptr;
   void* const value = node->value;
   place.unlink();
-  free_node(node);
-  table->length--;
+  free(node->key);
+  qn_free(node);
+  add_to_length(*table, -1);
   return value;
 }
 
@@ -208,7 +209,8 @@ void qn_table_print(qn_table_t* table, int32_t as_text) {
   if (table == nullptr) return;
   for_each_node(*table, [&](qn_table_node_t& node) {
     if (as_text != 0) {
-      QN_CONSOLE(kPrintText, node.key, static_cast<const char*>(node.value));
+      QN_CONSOLE(kPrintText, node.key,
+                 node.value != nullptr ? static_cast<const char*>(node.value) : "(null)");
     } else {
       QN_CONSOLE(kPrintPointer, node.key, node.value);
     }
@@ -217,11 +219,11 @@ void qn_table_print(qn_table_t* table, int32_t as_text) {
 
 void qn_table_free(qn_table_t** table) {
   if (table == nullptr || *table == nullptr) return;
+  // The node goes last: the value's function may still be using the place of its value.
   for_each_node(**table, [](qn_table_node_t& node) {
-    const qn_table_free_t free_fn = node.free_fn;
-    void* const value = node.value;
-    free_node(&node);
-    if (free_fn != nullptr) free_fn(value);
+    free(node.key);
+    if (node.free_fn != nullptr) node.free_fn(node.value);
+    qn_free(&node);
   });
   pthread_mutex_destroy(&(*table)->mutex);
   qn_free(*table);

@@ -202,7 +202,9 @@ int32_t QnIntfGetNameByPortNo(const char* bridge_name, uint32_t port_no, char* n
   const DirectoryPtr directory(opendir(path.text()));
   if (!directory) return -1;
   const char* const found = find_port(directory.get(), bridge_name, port_no);
-  return found != nullptr && strncpy_s(name, size, found, size - 1) == 0 ? 0 : -1;
+  if (found == nullptr || strncpy_s(name, size, found, size - 1) != 0) return -1;
+  name[size - 1] = '\0';
+  return 0;
 }
 
 void QnIntfGetEthMetric(const char* intf_name, qn_intf_eth_metric_t* metric) {

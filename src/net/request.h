@@ -13,7 +13,7 @@ namespace qn {
 
 // A zeroed request that carries the name, cut to 15 bytes.
 struct IntfRequest : ifreq {
-  IntfRequest() : ifreq{} {}
+  IntfRequest() : ifreq() {}
   bool set_name(const char* intf_name);
 };
 

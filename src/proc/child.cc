@@ -96,6 +96,8 @@ int32_t qn_proc_child_start(qn_child_proc_t* child) {
   QN_LOG(kForked);
   if (pid == 0) run_child(*child, to_child, to_parent);
 
+  to_child.read_end.reset();
+  to_parent.write_end.reset();
   child->pid = pid;
   child->read_fd = to_parent.read_end.release();
   child->write_fd = to_child.write_end.release();

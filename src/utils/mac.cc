@@ -47,7 +47,7 @@ int32_t qn_utils_get_intf_mac_addr(const char* intf_name, uint8_t* mac) {
   const qn::UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!fd.valid()) return -1;
 
-  struct ifreq request = {};
+  struct ifreq request = ifreq();
   if (strncpy_s(request.ifr_name, sizeof(request.ifr_name), intf_name, sizeof(request.ifr_name) - 1) !=
       0) {
     return -1;

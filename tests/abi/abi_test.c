@@ -541,6 +541,9 @@ static int enter_own_world(void) {
              : -1;
 }
 
+// Never freed: no call tells when the thread of a stopped service has ended.
+static qn_cycle_t* cycle;
+
 int main(void) {
   setvbuf(stdout, NULL, _IOLBF, 0);
   signal(SIGPIPE, SIG_IGN);
@@ -550,7 +553,7 @@ int main(void) {
   }
   test_memory();
   test_log();
-  qn_cycle_t* cycle = qn_cycle_new();
+  cycle = qn_cycle_new();
   const qn_apis_t* apis = test_context(cycle);
   test_threads();
   test_containers();
