@@ -1,6 +1,7 @@
 #!/bin/sh
 # Installs the build into an empty prefix, moves the prefix, and builds and runs the examples and a C++ program
-# against it: with pkg-config and with CMake. In the end hubd and hubctl talk to each other.
+# against it: with pkg-config and with CMake. In the end hubd and hubctl talk to each other, hubd also as the
+# init script starts it.
 #
 #   install_test.sh CMAKE SOURCE BUILD
 set -eu
@@ -58,34 +59,51 @@ if ! {
   fail "the CMake project"
 fi
 
-# talk FOLDER: the hubd of the folder serves the hubctl of the folder. The namespace keeps /tmp/quillnet apart.
+# talk FOLDER COMMAND...: the hubd that the command starts, with its state in $state, serves the hubctl of the
+# folder. The namespace keeps /tmp/quillnet apart.
 talk() {
-  state=$work/state-$(basename "$1")
-  mkdir "$state"
+  hubctl=$1/hubctl
+  shift
   private="unshare --mount"
   [ "$(id -u)" = 0 ] || private="unshare --mount --user --map-root-user"
-  mkdir -p /tmp/quillnet
+  mkdir -p /tmp/quillnet "$state"
   # shellcheck disable=SC2086 # words
-  $private sh -c 'mount -t tmpfs tmpfs /tmp/quillnet && exec "$@"' sh "$1/hubd" --dir "$state" \
-    >"$state/out" 2>"$state/err" &
+  $private sh -c 'mount -t tmpfs tmpfs /tmp/quillnet && exec "$@"' sh "$@" >"$state/out" 2>"$state/err" &
   hubd_pid=$!
   tries=0
   until grep -q serving "$state/out"; do
     tries=$((tries + 1))
-    [ $tries -lt 300 ] || fail "hubd of $1 did not come up: $(tail -n 3 "$state/err")"
+    [ $tries -lt 300 ] || fail "$* did not come up: $(tail -n 3 "$state/err")"
     sleep 0.1
   done
-  said=$("$1/hubctl" --socket "$state/hubd.sock" count 2>/dev/null) || fail "hubctl of $1: $said"
-  [ "$said" = 1 ] || fail "hubctl of $1 said: $said"
+  said=$("$hubctl" --socket "$state/hubd.sock" count 2>/dev/null) || fail "$hubctl: $said"
+  [ "$said" = 1 ] || fail "$hubctl said: $said"
+  grep -q '^Umask:[[:space:]]*0077$' "/proc/$hubd_pid/status" || fail "the umask of $*"
   kill -TERM "$hubd_pid"
-  wait "$hubd_pid" || fail "hubd of $1 ended with $?"
+  wait "$hubd_pid" || fail "$* ended with $?"
   hubd_pid=
 }
 
 for folder in "$work/pkg-config" "$work/cmake"; do
   "$folder/consumer" || fail "the consumer in $folder"
-  talk "$folder"
+  state=$work/state-$(basename "$folder")
+  talk "$folder" "$folder/hubd" --dir "$state"
 done
 "$work/cmake/consumer_static" || fail "the consumer with the static library"
-talk "$prefix/bin"
-echo "installed, moved, built and run: C and C++, pkg-config and CMake"
+
+# The init script, with functions in procd's place that run the command in the foreground.
+cat >"$work/rc" <<'END'
+procd_open_instance() { :; }
+procd_close_instance() { :; }
+procd_set_param() {
+  [ "$1" = command ] || return 0
+  shift
+  exec "$@"
+}
+. "$1"
+PROGRAM=$2 STATE=$3 BUS=$3/no-bus
+start_service
+END
+state=$work/state-init
+talk "$prefix/bin" sh "$work/rc" "$source/packaging/openwrt/quillcore/files/hubd.init" "$prefix/bin/hubd" "$state"
+echo "installed, moved, built and run: C and C++, pkg-config and CMake, by the init script"
