@@ -107,8 +107,7 @@ static void take_all(const samples_t* last, samples_t* out) {
 
 static void publish(shared_t* shared, const samples_t* samples) {
   const uint32_t sequence = atomic_load_explicit(&shared->sequence, memory_order_relaxed);
-  atomic_store_explicit(&shared->sequence, sequence + 1, memory_order_relaxed);
-  atomic_thread_fence(memory_order_release);
+  atomic_exchange(&shared->sequence, sequence + 1); // what is written next stays behind this
   shared->samples = *samples;
   atomic_store_explicit(&shared->sequence, sequence + 2, memory_order_release);
 }
@@ -245,16 +244,15 @@ void hub_sampler_stop(void) {
 }
 
 static int copy_row(const char* intf_name, hub_rates_t* rates) {
-  const shared_t* shared = sampler.shared;
+  shared_t* shared = sampler.shared;
   if (shared == NULL) return -1;
   for (int tries = 0; tries < READ_TRIES; tries++) {
     const uint32_t before = atomic_load_explicit(&shared->sequence, memory_order_acquire);
     if (before % 2 != 0) continue;
     const sample_t* row = shared->samples.count <= SAMPLES_MAX ? find(&shared->samples, intf_name) : NULL;
     if (row != NULL) *rates = row->rates;
-    atomic_thread_fence(memory_order_acquire);
-    if (atomic_load_explicit(&shared->sequence, memory_order_relaxed) == before)
-      return row != NULL ? 0 : -1;
+    // A change of nothing, which what was read above stays in front of.
+    if (atomic_fetch_or(&shared->sequence, 0) == before) return row != NULL ? 0 : -1;
   }
   return -1;
 }

@@ -107,7 +107,20 @@ int64_t start_program() {
   return result == 0 ? ended(pid) : result;
 }
 
-int64_t stop_program() { return qn_proc_child_stop_exec("/bin/true", "name", getpid() + 1); }
+// How the child ended that was told to: by the signal of the call, or by ours where the call's failed.
+int64_t stop_program() {
+  spare(true);
+  const pid_t child = fork();
+  if (child == 0) {
+    for (;;) pause();
+  }
+  spare(false);
+  EXPECT_EQ(0, qn_proc_child_stop_exec("/bin/true", "name", child));
+  spare(true);
+  if (fired()) kill(child, SIGKILL);
+  spare(false);
+  return ended(child);
+}
 
 // Only the child's process goes on as a daemon; what it says comes through a pipe.
 int64_t daemonise() {
@@ -253,7 +266,7 @@ void make_own_system() {
 
 std::vector<Row> proc_net_rows() {
   const Make start = on(start_child, {7}), stop = on(stop_leaving, {7}), program = on(start_program);
-  const Make stop_exec = on(stop_program), daemon = on(daemonise), clean = on(clean_pid_file);
+  const Make stop_exec = on(stop_program, {-SIGTERM}), daemon = on(daemonise), clean = on(clean_pid_file);
   const Make stale = on(take_stale, {0, {602}});
   const Make own = on(take_own, {kUnchanged + QN_PROC_ALIVE, {599, 600}});
   const Make key = on(random_key, {4}), mac = on(hardware_address);
@@ -300,7 +313,7 @@ std::vector<Row> proc_net_rows() {
        stop_exec,
        "kill",
        EPERM,
-       {{0, {}, 0, " [0594] [I] [child_proc] [proc_child_stop_exec] ready to stop name, pid="}}},
+       {{-SIGKILL, {}, 0, " [0594] [I] [child_proc] [proc_child_stop_exec] ready to stop name, pid="}}},
       {"daemon",
        daemon,
        "fork",
