@@ -133,7 +133,7 @@ QN_API void qn_log_free_singleton_instance(void);
 #define QN_LOG_PERMIT_CONSOLE 8u // switch records on standard error as `console_permit` says
 #define QN_LOG_PERMIT_TRACE 16u  // switch trace records as `trace_permit` says
 
-// A change of permissions. All texts are NUL-terminated.
+// A change of permissions. The texts of the chosen steps are NUL-terminated; the others are not read.
 typedef struct qn_log_permit_config {
   char role[8];   // a role's name, or "default"
   char level[8];  // a level's letter, upper case: "G", "E", "W", "I", "D" or "F"

@@ -61,10 +61,6 @@ int32_t qn_log_write_line(qn_log_t* log, uint32_t level, const char* line);
 // Writes the local time as "MM-DD hh:mm:ss microseconds" and returns the buffer; "-" when there is none.
 const char* qn_time_log_stamp(char* buffer);
 
-// Held over the conversion to local time. The C library has a lock of its own there, which a child of a
-// fork could find locked for ever; whoever forks takes this one first.
-pthread_mutex_t& log_stamp_lock();
-
 // The process's instance, or null. Set and cleared while no other thread logs.
 qn_log_t* qn_log_singleton_get();
 void log_singleton_set(qn_log_t* log);

@@ -1,7 +1,10 @@
 // The log entries: gates first, then the line, then the sink.
 #include <quillcore/log.h>
 
+#include <unistd.h>
+
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -24,8 +27,6 @@ constexpr int32_t stopped(uint32_t level) {
 
 uint32_t gate_of(const qn_log_t* log) { return log != nullptr ? log_gate_of_role(log->role) : kGateOpen; }
 
-uint32_t role_of(const qn_log_t* log) { return log != nullptr ? log->role : 0; }
-
 __attribute__((format(printf, 3, 0))) int32_t write_record(qn_log_t* log, const LogRecord& record,
                                                            const char* fmt, va_list args) {
   char line[kLogLineSize];
@@ -36,9 +37,7 @@ __attribute__((format(printf, 3, 0))) int32_t write_record(qn_log_t* log, const 
 __attribute__((format(printf, 4, 0))) int32_t gated_write(uint32_t word, qn_log_t* log,
                                                           const LogRecord& record, const char* fmt,
                                                           va_list args) {
-  if (!log_gate_permits(word, role_of(log), record.level, record.logid, record.biz_name)) {
-    return stopped(record.level);
-  }
+  if (!log_gate_permits(word, record.level, record.logid, record.biz_name)) return stopped(record.level);
   return write_record(log, record, fmt, args);
 }
 
@@ -53,20 +52,29 @@ qn_log_t* qn_log_singleton_get() { return g_singleton.load(std::memory_order_acq
 
 void log_singleton_set(qn_log_t* log) { g_singleton.store(log, std::memory_order_release); }
 
+// Not through stdio: a child of a fork beside a thread that writes would find the stream locked for ever
+// with musl. A stream without a buffer is in order with this either way.
+int32_t write_to_stderr(const char* line) {
+  for (size_t left = strnlen(line, kLogLineSize); left > 0;) {
+    const ssize_t written = write(STDERR_FILENO, line, left);
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return EOF;
+    line += written;
+    left -= static_cast<size_t>(written);
+  }
+  return 1;
+}
+
 int32_t qn_log_write_line(qn_log_t* log, uint32_t level, const char* line) {
-  if (log == nullptr) return fputs(line, stderr);
+  if (log == nullptr) return write_to_stderr(line);
   if (log->local_writer == nullptr) return 0;
   return log->local_writer->write(log, level, line, strnlen(line, kLogLineSize - 1));
 }
 
 void log_site(uint32_t level_and_logid, const char* module, const char* biz_name, const char* fmt, ...) {
-  const LogRecord record = {level_and_logid & ((1u << kLogidShift) - 1),
-                            level_and_logid >> kLogidShift,
-                            module,
-                            true,
-                            true,
-                            biz_name,
-                            nullptr};
+  const uint32_t level = level_and_logid & ((1u << kLogidShift) - 1),
+                 logid = level_and_logid >> kLogidShift;
+  const LogRecord record = {level, logid, module, true, true, biz_name, nullptr};
   va_list args;
   va_start(args, fmt);
   gated_write(log_gate_current(), qn_log_singleton_get(), record, fmt, args);
@@ -110,8 +118,7 @@ void qn_log_console_impl(uint32_t level, uint32_t logid, const char* module, uin
   if (level > QN_LOG_F) return;
   const uint32_t word = qn::log_gate_current();
   if ((word & qn::kGateConsole) == 0) return;
-  const uint32_t role = qn::role_of(qn::qn_log_singleton_get());
-  if (!qn::log_gate_permits(word, role, level, logid, biz_name)) return;
+  if (!qn::log_gate_permits(word, level, logid, biz_name)) return;
 
   const LogRecord record = {level, logid, module, newline != 0, true, biz_name, nullptr};
   va_list args;

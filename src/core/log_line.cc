@@ -22,7 +22,15 @@ constexpr LogName qn_log_role_table[kRoleCount] = {
 
 namespace {
 
+// Held over the conversion to local time. The C library has a lock of its own there, which a child of a
+// fork could find locked for ever, so whoever forks takes this one first: the last one of the log's
+// locks, which an early constructor sees to. Without memory for that only a child that logs could notice.
 constinit pthread_mutex_t g_stamp_lock = PTHREAD_MUTEX_INITIALIZER;
+void lock_stamp() { pthread_mutex_lock(&g_stamp_lock); }
+void unlock_stamp() { pthread_mutex_unlock(&g_stamp_lock); }
+__attribute__((constructor(101))) void arrange() {
+  pthread_atfork(lock_stamp, unlock_stamp, unlock_stamp);
+}
 
 constexpr size_t kLineMax = kLogLineSize - 1;
 constexpr char kNone[] = "-";
@@ -34,27 +42,20 @@ const char* level_letter(uint32_t level) {
   return level >= QN_LOG_G && level < kLogLevelCount ? qn_log_level_table[level].name : kNone;
 }
 
-int header_build(char (&line)[kLogLineSize], const LogRecord& record) {
-  char stamp[kLogStampSize];
-  qn_time_log_stamp(stamp);
-  const char* letter = level_letter(record.level);
-  const char* module = or_dash(record.module);
-  const char* biz_name = or_dash(record.biz_name);
-  if (record.level == QN_LOG_F) {
-    return snprintf_s(line, kLogLineSize, kLineMax, "%s [%04u] [%s] [%s] [%s] [%s] ", stamp, record.logid,
-                      letter, module, biz_name, or_dash(record.fault));
-  }
-  return snprintf_s(line, kLogLineSize, kLineMax, "%s [%04u] [%s] [%s] [%s] ", stamp, record.logid,
-                    letter, module, biz_name);
+// At least `width` digits, as "%0*u" has them. Returns where they end.
+char* put_number(char* out, uint32_t number, int width) {
+  char digits[10];
+  int count = 0;
+  do {
+    digits[count++] = static_cast<char>('0' + number % 10);
+    number /= 10;
+  } while (number != 0 || count < width);
+  while (count > 0) *out++ = digits[--count];
+  return out;
 }
 
-} // namespace
-
-pthread_mutex_t& log_stamp_lock() { return g_stamp_lock; }
-
-const char* qn_time_log_stamp(char* buffer) {
-  if (buffer == nullptr) return kNone;
-
+// "MM-DD hh:mm:ss microseconds" as "%02d-%02d %02d:%02d:%02d %lld" has it. Returns its end.
+char* put_stamp(char* out) {
   struct timeval now = {};
   struct tm local = {};
   gettimeofday(&now, nullptr);
@@ -63,11 +64,75 @@ const char* qn_time_log_stamp(char* buffer) {
     const MutexGuard guard(g_stamp_lock);
     localtime_r(&seconds, &local);
   }
+  const struct {
+    int number;
+    char behind;
+  } parts[] = {{local.tm_mon + 1, '-'},
+               {local.tm_mday, ' '},
+               {local.tm_hour, ':'},
+               {local.tm_min, ':'},
+               {local.tm_sec, ' '}};
+  for (const auto& part : parts) {
+    out = put_number(out, static_cast<uint32_t>(part.number), 2);
+    *out++ = part.behind;
+  }
+  return put_number(out, static_cast<uint32_t>(now.tv_usec), 1);
+}
 
-  const int length = snprintf_s(buffer, kLogStampSize, kLogStampSize - 1, "%02d-%02d %02d:%02d:%02d %lld",
-                                local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
-                                local.tm_sec, static_cast<long long>(now.tv_usec));
-  if (length < 0) strcpy_s(buffer, kLogStampSize, kNone);
+// The front of a line. What does not fit is cut, and then nothing more does.
+class Header {
+ public:
+  explicit Header(char (&line)[kLogLineSize]) : line_(line) {}
+
+  void add(const char* text, size_t length) {
+    const size_t room = kLineMax - length_;
+    if (length > room) cut_ = true;
+    const size_t taken = length < room ? length : room;
+    memcpy(line_ + length_, text, taken);
+    length_ += taken;
+  }
+
+  void add_bracket(const char* text) {
+    add("[", 1);
+    add(text, strlen(text));
+    add("] ", 2);
+  }
+
+  // Its length, or -1 if it was cut. Terminated in any case.
+  int end() {
+    line_[length_] = '\0';
+    return cut_ ? -1 : static_cast<int>(length_);
+  }
+
+ private:
+  char* line_;
+  size_t length_ = 0;
+  bool cut_ = false;
+};
+
+// "%s [%04u] [%s] [%s] [%s] ", with one more bracket for a fault.
+int header_build(char (&line)[kLogLineSize], const LogRecord& record) {
+  char front[kLogStampSize];
+  char* end = put_stamp(front);
+  *end++ = ' ';
+  *end++ = '[';
+  end = put_number(end, record.logid, 4);
+  *end++ = ']';
+  *end++ = ' ';
+  Header header(line);
+  header.add(front, static_cast<size_t>(end - front));
+  header.add_bracket(level_letter(record.level));
+  header.add_bracket(or_dash(record.module));
+  header.add_bracket(or_dash(record.biz_name));
+  if (record.level == QN_LOG_F) header.add_bracket(or_dash(record.fault));
+  return header.end();
+}
+
+} // namespace
+
+const char* qn_time_log_stamp(char* buffer) {
+  if (buffer == nullptr) return kNone;
+  *put_stamp(buffer) = '\0';
   return buffer;
 }
 
@@ -82,7 +147,8 @@ void qn_log_line_build(char (&line)[kLogLineSize], const LogRecord& record, cons
   }
 
   const int body_length = vsprintf_s(line + length, kLineMax - length, or_dash(fmt), args);
-  if (body_length > 0) length += static_cast<size_t>(body_length);
+  // A text can hold a NUL, and a line ends there.
+  if (body_length > 0) length += strnlen(line + length, static_cast<size_t>(body_length));
 
   // A header of 1023 bytes leaves no room for a line feed: its terminator stays.
   if (!record.newline || length >= kLineMax) return;

@@ -14,7 +14,6 @@ using LockCall = int (*)(pthread_mutex_t*);
 // Covers the list of writers.
 constinit pthread_mutex_t g_writers_lock = PTHREAD_MUTEX_INITIALIZER;
 constinit ListLink g_writers = {&g_writers, &g_writers};
-constinit bool g_arranged = false;
 
 void for_each_writer(LockCall call) {
   for (ListLink* link = g_writers.next; link != &g_writers; link = link->next) {
@@ -31,23 +30,23 @@ void before_fork() {
   pthread_mutex_lock(&g_writers_lock);
   for_each_writer(pthread_mutex_lock);
   permission_maps_each_lock(pthread_mutex_lock);
-  pthread_mutex_lock(&log_stamp_lock());
 }
 
 void after_fork() {
-  pthread_mutex_unlock(&log_stamp_lock());
   permission_maps_each_lock(pthread_mutex_unlock);
   for_each_writer(pthread_mutex_unlock);
   pthread_mutex_unlock(&g_writers_lock);
   pthread_mutex_unlock(&permission_change_lock());
 }
 
+// Where the library is loaded: a process may log and fork before it has an instance. Without memory for
+// it only a child that logs could notice.
+__attribute__((constructor)) void arrange() { pthread_atfork(before_fork, after_fork, after_fork); }
+
 } // namespace
 
 void fork_guard_add(qn_log_local_writer_t& writer) {
   const MutexGuard guard(g_writers_lock);
-  // Without memory for the arrangement only a child that logs could notice; a later writer tries again.
-  if (!g_arranged) g_arranged = pthread_atfork(before_fork, after_fork, after_fork) == 0;
   list_append(g_writers, writer.all_writers);
 }
 

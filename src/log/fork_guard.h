@@ -10,7 +10,7 @@
 //   its files' locks
 //   the lock of the maps      pointers to the permission maps (permission.cc)
 //   a map's lock
-//   the stamp's lock          conversion to local time (log_line.cc)
+//   the stamp's lock          conversion to local time (log_line.cc, which guards it itself)
 #ifndef QN_LOG_FORK_GUARD_H
 #define QN_LOG_FORK_GUARD_H
 
@@ -18,7 +18,7 @@
 
 namespace qn {
 
-// Writers whose locks are guarded. Adding the first one also arranges for the calls around a fork.
+// Writers whose locks are guarded.
 void fork_guard_add(qn_log_local_writer_t& writer);
 void fork_guard_remove(qn_log_local_writer_t& writer);
 

@@ -61,7 +61,8 @@ constinit pthread_mutex_t g_maps_lock = PTHREAD_MUTEX_INITIALIZER; // covers the
 constinit qn_map_t* g_configs = nullptr;
 constinit qn_map_t* g_user_configs = nullptr;
 
-// Puts a map in the place of another, which is freed when no gate can be looking at it any more.
+// Puts a map in the place of another, which is freed when no gate can be looking at it any more. The
+// gates follow at once.
 void replace_map(qn_map_t*& place, qn_map_t* map) {
   qn_map_t* old = nullptr;
   {
@@ -69,6 +70,7 @@ void replace_map(qn_map_t*& place, qn_map_t* map) {
     old = place;
     place = map;
   }
+  qn::log_gates_refresh();
   qn_map_free(old);
 }
 
@@ -109,30 +111,22 @@ bool rule_permits(const char* role_name, uint32_t logid, const char* biz_name, u
 
 // --- gate words ---
 
-// The switches of one role, as filter bits.
-struct Singles {
-  uint64_t logids = 0;
-  uint64_t biz_names = 0;
-
-  bool any() const { return logids != 0 || biz_names != 0; }
-};
-
 // What stands behind the key's front, or null if the key begins otherwise.
 const char* behind(const char* key, const PermissionKey& front) {
   const size_t length = strlen(front.text());
   return strncmp(key, front.text(), length) == 0 ? key + length : nullptr;
 }
 
-Singles singles_of(const char* role_name) {
+qn::SingleBits singles_of(const char* role_name) {
   const PermissionKey logid_front(role_name, qn::kKeyLogid);
   const PermissionKey biz_front(role_name, qn::kKeyBiz);
-  Singles singles;
+  qn::SingleBits singles;
   qn::map_walk(g_user_configs, [&](const qn_map_node_t& node) {
     if (strcmp(node.value, kOn) != 0) return;
     if (const char* const logid = behind(node.key, logid_front)) {
-      singles.logids |= qn::filter_bit(static_cast<uint32_t>(strtol(logid, nullptr, 10)));
+      singles.add(static_cast<uint32_t>(strtol(logid, nullptr, 10)));
     } else if (const char* const biz_name = behind(node.key, biz_front)) {
-      singles.biz_names |= qn::filter_bit(biz_name);
+      singles.add(biz_name);
     }
   });
   return singles;
@@ -186,16 +180,11 @@ int32_t user_configs_init() {
   return 0;
 }
 
-int32_t load_maps() {
-  const int32_t result = configs_init() != 0 ? -1 : user_configs_init();
-  qn::log_gates_refresh();
-  return result;
-}
+int32_t load_maps() { return configs_init() != 0 ? -1 : user_configs_init(); }
 
 void free_maps() {
   replace_map(g_configs, nullptr);
   replace_map(g_user_configs, nullptr);
-  qn::log_gates_refresh();
 }
 
 } // namespace
@@ -252,8 +241,8 @@ void log_gates_refresh() {
   log_gate_set_exact_rule(exact_rule);
   for (uint32_t role = kFirstRole; role < kRoleCount; role++) {
     const char* const role_name = qn_log_role_table[role].name;
-    const Singles singles = singles_of(role_name);
-    log_gate_set_filter(role, singles.logids, singles.biz_names);
+    const SingleBits singles = singles_of(role_name);
+    log_gate_set_filter(role, singles);
     log_gate_set_role(role, derive_word(role_name, singles.any()));
   }
   const qn_log_t* const log = qn_log_singleton_get();

@@ -53,15 +53,13 @@ bool is_terminated(const char (&text)[size]) {
   return strnlen(text, size) < size;
 }
 
-bool texts_are_terminated(const qn_log_permit_config_t& config) {
-  return is_terminated(config.role) && is_terminated(config.level) && is_terminated(config.permit) &&
-         is_terminated(config.biz_name) && is_terminated(config.console_permit) &&
-         is_terminated(config.trace_permit);
+int32_t set_value(const PermissionKey& key, const char* value, qn_map_t* map) {
+  return map != nullptr ? qn_map_set(key.text(), value, map) : -1;
 }
 
 // "off" takes a single switch away; taking away what was not on is a failure.
 int32_t switch_single(const PermissionKey& key, const char* permit, qn_map_t* user_configs) {
-  return strcmp(permit, kOn) == 0 ? qn_map_set(key.text(), kOn, user_configs)
+  return strcmp(permit, kOn) == 0 ? set_value(key, kOn, user_configs)
                                   : qn_map_remove(key.text(), user_configs);
 }
 
@@ -73,7 +71,7 @@ int32_t qn_log_set_permission_for_level(const qn_log_permit_config_t& config,
     QN_PRINTLN(kLevelKey, config.role, config.level);
     return -1;
   }
-  return qn_map_set(key.text(), config.level, maps.configs);
+  return set_value(key, config.level, maps.configs);
 }
 
 int32_t qn_log_set_permission_for_biz_name(const qn_log_permit_config_t& config,
@@ -118,7 +116,7 @@ int32_t qn_log_set_permission_for_console(const qn_log_permit_config_t& config,
     QN_PRINTLN(kConsolePermit, config.role, config.console_permit);
     return -1;
   }
-  return qn_map_set(key.text(), config.console_permit, maps.configs);
+  return set_value(key, config.console_permit, maps.configs);
 }
 
 int32_t qn_log_set_permission_for_trace(const qn_log_permit_config_t& config,
@@ -133,30 +131,40 @@ int32_t qn_log_set_permission_for_trace(const qn_log_permit_config_t& config,
     QN_PRINTLN(kTracePermit, config.role, config.trace_permit);
     return -1;
   }
-  return qn_map_set(key.text(), config.trace_permit, maps.configs);
+  return set_value(key, config.trace_permit, maps.configs);
 }
 
+using Config = qn_log_permit_config_t;
+
+// A step reads its own texts and the role; what stands in the others is nobody's business.
 constexpr struct {
   uint32_t bit;
-  int32_t (*set)(const qn_log_permit_config_t& config, const qn::PermissionMaps& maps);
+  int32_t (*set)(const Config& config, const qn::PermissionMaps& maps);
+  bool (*texts_end)(const Config& config);
 } kSteps[] = {
-    {QN_LOG_PERMIT_LEVEL, qn_log_set_permission_for_level},
-    {QN_LOG_PERMIT_BIZ, qn_log_set_permission_for_biz_name},
-    {QN_LOG_PERMIT_LOGID, qn_log_set_permission_for_logid},
-    {QN_LOG_PERMIT_CONSOLE, qn_log_set_permission_for_console},
-    {QN_LOG_PERMIT_TRACE, qn_log_set_permission_for_trace},
+    {QN_LOG_PERMIT_LEVEL, qn_log_set_permission_for_level,
+     [](const Config& config) { return is_terminated(config.level); }},
+    {QN_LOG_PERMIT_BIZ, qn_log_set_permission_for_biz_name,
+     [](const Config& config) { return is_terminated(config.biz_name) && is_terminated(config.permit); }},
+    {QN_LOG_PERMIT_LOGID, qn_log_set_permission_for_logid,
+     [](const Config& config) { return is_terminated(config.permit); }},
+    {QN_LOG_PERMIT_CONSOLE, qn_log_set_permission_for_console,
+     [](const Config& config) { return is_terminated(config.console_permit); }},
+    {QN_LOG_PERMIT_TRACE, qn_log_set_permission_for_trace,
+     [](const Config& config) { return is_terminated(config.trace_permit); }},
 };
 
-// A failed step does not stop the later ones.
-int32_t run_steps(const qn_log_permit_config_t& config) {
+// A failed step does not stop the later ones, and what one has changed is in force when the next begins.
+int32_t run_steps(const Config& config) {
   const qn::MutexGuard guard(qn::permission_change_lock());
   const qn::PermissionMaps maps = qn::permission_maps();
-  if (maps.configs == nullptr || maps.user_configs == nullptr) return config.mask != 0 ? -1 : 0;
   int32_t result = 0;
   for (const auto& step : kSteps) {
-    if ((config.mask & step.bit) != 0) result |= step.set(config, maps);
+    if ((config.mask & step.bit) == 0) continue;
+    const bool readable = is_terminated(config.role) && step.texts_end(config);
+    result |= readable ? step.set(config, maps) : -1;
+    qn::log_gates_refresh();
   }
-  qn::log_gates_refresh();
   return result;
 }
 
@@ -164,7 +172,7 @@ int32_t run_steps(const qn_log_permit_config_t& config) {
 
 int32_t qn_log_set_log_permit_config(const qn_log_permit_config_t* config) {
   if (config != nullptr && config->reset != 0) return qn_log_reset_permission();
-  if (config != nullptr && texts_are_terminated(*config) && run_steps(*config) == 0) return 0;
+  if (config != nullptr && run_steps(*config) == 0) return 0;
   QN_LOG(kConfigFailed);
   return -1;
 }

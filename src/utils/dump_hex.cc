@@ -37,11 +37,8 @@ void format_element(uint8_t byte, char* out) {
 // Whether any of the four lines can pass, each asked for by its own logid.
 bool any_line_passes() {
   const uint32_t word = qn::log_gate_current();
-  if ((word & qn::gate_bit(QN_LOG_D)) == 0) return false;
-  const qn_log_t* const log = qn::qn_log_singleton_get();
-  const uint32_t role = log != nullptr ? log->role : 0;
   for (const Message& message : {kStart, kFullLine, kLastLine, kEnd}) {
-    if (qn::log_gate_permits(word, role, QN_LOG_D, message.logid, kBizName)) return true;
+    if (qn::log_gate_permits(word, QN_LOG_D, message.logid, kBizName)) return true;
   }
   return false;
 }

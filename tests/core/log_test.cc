@@ -44,6 +44,8 @@ TEST(LogLine, HasStampBracketsAndText) {
   EXPECT_EQ("x=1\n", build({QN_LOG_I, 1, "m", true, false, "b", nullptr}, "x=%d", 1));
   EXPECT_EQ("x=1\n\n", build({QN_LOG_I, 1, "m", true, false, "b", nullptr}, "x=%d\n", 1));
   EXPECT_EQ("", build({QN_LOG_I, 1, "m", false, false, "b", nullptr}, "%s", ""));
+  EXPECT_EQ("ab\n", build({QN_LOG_I, 1, "m", true, false, "b", nullptr}, "ab%cde", 0))
+      << "a line ends at a NUL";
 }
 
 TEST(LogLine, DropsATextThatDoesNotFitWhole) {
@@ -142,19 +144,19 @@ TEST(LogGate, WordsSayWhatTheRuleSays) {
   for (uint32_t bits = 0; bits < 7 * 16; bits++) {
     const uint32_t row = bits / 16;
     const bool global = bits & 1, console = bits & 2, trace = bits & 4, single = bits & 8;
-    const uint32_t word = qn::make_gate(row, global, console, trace, false);
+    const uint32_t word = qn::gate_with_role(qn::make_gate(row, global, console, trace, false), 2);
     EXPECT_EQ(console, (word & qn::kGateConsole) != 0);
     for (const uint32_t level : {1u, 2u, 3u, 4u, 5u, 6u, 64u}) {
       const bool asked = level >= 2 && level <= 5;
       const bool by_level = asked ? global && level <= row : level != 64 || trace;
-      EXPECT_EQ(by_level, qn::log_gate_permits(word, 2, level, 7, "b"));
+      EXPECT_EQ(by_level, qn::log_gate_permits(word, level, 7, "b"));
       if (!single) continue;
-      qn::log_gate_set_filter(2, qn::filter_bit(7u), 0);
+      qn::log_gate_set_filter(2, {.logids = qn::SingleBits::bit(7u)});
       qn::log_gate_set_exact_rule(
           [](uint32_t, uint32_t logid, const char*, uint32_t) { return logid == 7; });
-      const uint32_t singles = qn::make_gate(row, global, console, trace, true);
-      EXPECT_EQ(by_level || asked, qn::log_gate_permits(singles, 2, level, 7, "b"));
-      EXPECT_EQ(by_level, qn::log_gate_permits(singles, 2, level, 8, "b"));
+      const uint32_t singles = qn::gate_with_role(qn::make_gate(row, global, console, trace, true), 2);
+      EXPECT_EQ(by_level || asked, qn::log_gate_permits(singles, level, 7, "b"));
+      EXPECT_EQ(by_level, qn::log_gate_permits(singles, level, 8, "b"));
     }
   }
 }

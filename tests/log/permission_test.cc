@@ -182,10 +182,39 @@ TEST(Permission, EachStepSaysWhatItDoesAndWhyItFails) {
                                 "config failed.") != std::string::npos;
       EXPECT_EQ(row.result != 0, told);
     }
-    Change unterminated("hubd", 1);
-    memset(unterminated.config.role, 'r', sizeof(unterminated.config.role));
+    Change unterminated("hubd", 0);
+    for (char* text : {unterminated.config.level, unterminated.config.permit}) memset(text, 'x', 8);
+    EXPECT_EQ(0, unterminated.apply()) << "no step reads them";
+    unterminated.console("off").config.mask = QN_LOG_PERMIT_LEVEL | QN_LOG_PERMIT_CONSOLE;
+    capture.clear();
     EXPECT_EQ(-1, unterminated.apply());
+    EXPECT_EQ("set log role=hubd console_permit=off.", capture.records(0).at(0).text);
+    memset(unterminated.config.role, 'r', sizeof(unterminated.config.role));
+    unterminated.config.mask = QN_LOG_PERMIT_CONSOLE;
+    EXPECT_EQ(-1, unterminated.apply());
+    EXPECT_EQ(0, Change("hubd", 32).apply()) << "no step has this bit";
     EXPECT_EQ(-1, qn_log_set_log_permit_config(nullptr));
+  });
+}
+
+size_t allocations_told() {
+  const std::string log = read_file(kLive);
+  size_t count = 0;
+  for (size_t at = 0; (at = log.find("[0523] [D]", at)) != std::string::npos; at++) count++;
+  return count;
+}
+
+// The node of a new switch is allocated behind the change of the level, the maps' nodes behind the file.
+TEST(Permission, AChangeIsInForceAtOnce) {
+  with_singleton([](StderrCapture&) {
+    EXPECT_EQ(0, Change("hubd", 5).level("D").logid(7).permit("on").apply());
+    const size_t of_the_switch = allocations_told();
+    EXPECT_GE(of_the_switch, 1u);
+    EXPECT_EQ(0, Change("hubd", 5).level("W").logid(8).permit("on").apply());
+    EXPECT_EQ(of_the_switch, allocations_told());
+    write_file(kConfig, "log.hubd.level=D\n");
+    EXPECT_EQ(0, qn_log_new_singleton_instance(0, kHubd, 0));
+    EXPECT_GT(allocations_told(), of_the_switch);
   });
 }
 

@@ -119,10 +119,16 @@ bool child_ended(pid_t child) {
   return ended && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-TEST(LogThreads, AChildOfForkMayLogWhateverOthersWereDoing) {
+// Also before there is an instance, and with one that has no files.
+class LogFork : public testing::TestWithParam<int64_t> {};
+INSTANTIATE_TEST_SUITE_P(Instance, LogFork, testing::Values(-1, 0, 0x80));
+
+TEST_P(LogFork, AChildMayLogWhateverOthersWereDoing) {
   in_own_namespace([] {
     StderrCapture capture;
-    ASSERT_EQ(0, qn_log_new_singleton_instance(0, kRelay, 0));
+    if (GetParam() >= 0) {
+      ASSERT_EQ(0, qn_log_new_singleton_instance(static_cast<uint32_t>(GetParam()), kRelay, 0));
+    }
     std::atomic<bool> stop{false};
     std::vector<std::thread> threads;
     for (int thread = 0; thread < 3; thread++) {
@@ -143,6 +149,7 @@ TEST(LogThreads, AChildOfForkMayLogWhateverOthersWereDoing) {
       if (child == 0) {
         log_numbered(99, i);
         qn_log_core_adpater(QN_LOG_E, 1, "m", 1, 1, "b", "child");
+        qn_log_println(QN_LOG_E, 1, "m", "b", "child");
         _exit(0);
       }
       hung += !child_ended(child);

@@ -123,7 +123,7 @@ TEST(DumpHex, AsksForEachLineByItsOwnLogid) {
   for (const uint32_t wanted : {607u, 608u, 609u, 610u}) {
     static uint32_t on;
     on = wanted;
-    qn::log_gate_set_filter(0, ~uint64_t{0}, 0);
+    qn::log_gate_set_filter(0, {.logids = ~uint64_t{0}});
     qn::log_gate_set_exact_rule(
         [](uint32_t, uint32_t logid, const char*, uint32_t) { return logid == on; });
     qn::log_gate_set_current(qn::make_gate(2, true, true, false, true));
@@ -132,7 +132,7 @@ TEST(DumpHex, AsksForEachLineByItsOwnLogid) {
     EXPECT_EQ(std::vector<uint32_t>{wanted}, capture.logids());
     qn::log_gate_set_current(qn::kGateOpen);
     qn::log_gate_set_exact_rule(nullptr);
-    qn::log_gate_set_filter(0, 0, 0);
+    qn::log_gate_set_filter(0, {});
   }
 }
 
