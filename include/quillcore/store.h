@@ -77,7 +77,8 @@ QN_API int32_t qn_kvs_get(kvstore_t* store, const qn_str_t* key, void** value, u
 // Stores a copy of `value` under `key` and writes it to disk. No argument may be null.
 // Returns 0, also when the write to disk failed (logged, 517 or 518): the value stays in memory and goes
 // to disk with the next change; and when memory for the index was short (467): the value is on disk then
-// but not found before the next open. -1 when the value is longer than QN_KVS_VALUE_MAX (491), the key
+// but not found before the next open, and where the key has been stored once more by then, either value
+// may be the one that is found. -1 when the value is longer than QN_KVS_VALUE_MAX (491), the key
 // longer than QN_KVS_KEY_MAX, or the size class is full (470, level D); the store is unchanged then.
 QN_API int32_t qn_kvs_put(kvstore_t* store, const qn_str_t* key, const void* value, uint16_t value_len);
 

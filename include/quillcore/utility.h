@@ -53,8 +53,8 @@ QN_API int32_t qn_os_exec_cmd_and_read_output(const char* cmd, char* output, int
 // Reads the second field of each line of the file at `path` that matches the awk expression `key`;
 // `separator` is awk's -F. The values of several lines come joined; the value is not trimmed. The three
 // texts go to the shell as they are and must hold nothing that shell or awk would read differently.
-// Returns 0 when at least one byte was read, else -1 (logged, 4141 to 4143); -1 too for a null argument
-// or a `size` not above 0.
+// Returns 0 when at least one byte was read, and with a `size` of 1, which leaves room for none; else -1
+// (logged, 4141 to 4143); -1 too for a null argument or a `size` not above 0.
 QN_API int32_t qn_os_read_value_by_key_from_file(const char* path, const char* key, const char* separator,
                                                  char* value, int32_t size);
 

@@ -1,18 +1,20 @@
 // Configuration files: one read, one pass.
 #include "container/config.h"
 
+#include <fcntl.h>
 #include <quillcore/utility.h>
+#include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <memory>
 
 #include "container/string_map.h"
 #include "core/heap.h"
 #include "core/log_record.h"
 #include "platform/bounded_string.h"
 #include "platform/error_text.h"
+#include "platform/guards.h"
+#include "utils/white_space.h"
 
 namespace {
 
@@ -34,45 +36,65 @@ constexpr Message kEnd{QN_LOG_I, 0, kModule, "qn_conf_load", "conf_load end."};
 
 constexpr size_t kTextSize = 32768; // with the terminator
 
-struct FileClose {
-  void operator()(FILE* file) const { fclose(file); }
-};
+// Reads until the buffer is full or nothing more comes. Returns the number of bytes, or -1.
+ssize_t read_all(int fd, char* text, size_t size) {
+  size_t length = 0;
+  while (length < size) {
+    const ssize_t got = read(fd, text + length, size - length);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) return -1;
+    if (got == 0) break;
+    length += static_cast<size_t>(got);
+  }
+  return static_cast<ssize_t>(length);
+}
 
-// Fills the zeroed buffer with the front of the file.
+// Fills the buffer with the front of the file and terminates it.
 bool qn_conf_read_from_file(const char* path, char (&text)[kTextSize]) {
-  std::unique_ptr<FILE, FileClose> file(fopen(path, "re"));
-  if (!file) {
+  qn::UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+  if (!fd.valid()) {
     const int error = errno;
     QN_PRINTLN(kOpenFailed, path, error, ErrorText(error).text());
     return false;
   }
-  // One element of the whole size: a shorter file gives 0 and leaves its bytes in the buffer all the
-  // same.
-  if (fread(text, kTextSize - 1, 1, file.get()) == 0 && ferror(file.get()) != 0) {
+  const ssize_t length = read_all(fd.get(), text, kTextSize - 1);
+  if (length < 0) {
     const int error = errno;
     QN_PRINTLN(kReadFailed, path, error, ErrorText(error).text());
     return false;
   }
-  return fclose(file.release()) == 0;
+  text[length] = '\0';
+  return close(fd.release()) == 0;
 }
 
-// Parses one entry at `position` into the empty node. Returns where the next one begins; null when this
-// was the last: the text has ended, or the entry breaks a limit and nothing behind it can be trusted.
-char* parse_entry(char* position, qn_map_node_t& node) {
-  char* const start = qn_utils_ltrim(position);
+// Copies a stretch into a field, less the white space at its end. False, and an empty field, for a
+// stretch that is longer than the field with that white space.
+template <size_t size>
+bool copy_trimmed(char (&field)[size], const char* start, size_t length) {
+  if (length >= size) return false;
+  while (length > 0 && qn::is_white_space(start[length - 1])) length--;
+  copy_bytes(field, start, length); // into a node of zeros
+  return true;
+}
+
+char* skip_white_space(char* text) {
+  while (qn::is_white_space(*text)) text++;
+  return text;
+}
+
+// Parses one entry at `start`, where no white space is, into the empty node. Returns where the next one
+// begins; null when this was the last: the text has ended, or the entry breaks a limit and nothing behind
+// it can be trusted.
+char* parse_entry(char* start, qn_map_node_t& node) {
   char* const equals = strchr(start, '=');
   if (equals == nullptr) return nullptr;
-  if (strncpy_s(node.key, sizeof(node.key), start, static_cast<size_t>(equals - start)) != 0)
-    return nullptr;
-  // Nothing in front of the key is left to trim.
-  qn_utils_rtrim(node.key);
+  if (!copy_trimmed(node.key, start, static_cast<size_t>(equals - start))) return nullptr;
 
-  char* const value = qn_utils_ltrim(equals + 1);
+  char* const value = skip_white_space(equals + 1);
   char* const line_feed = strchr(value, '\n');
   const size_t length = line_feed != nullptr ? static_cast<size_t>(line_feed - value) : strlen(value);
-  if (strncpy_s(node.value, sizeof(node.value), value, length) != 0) return nullptr;
-  qn_utils_rtrim(node.value);
-  return qn_utils_ltrim(line_feed);
+  if (!copy_trimmed(node.value, value, length)) return nullptr;
+  return line_feed != nullptr ? skip_white_space(line_feed) : nullptr;
 }
 
 } // namespace
@@ -94,7 +116,7 @@ qn_map_t* qn_map_parse(char* text) {
 }
 
 qn_map_t* qn_conf_load_configs_from_file(const char* path) {
-  char text[kTextSize] = {};
+  char text[kTextSize];
   if (!qn_conf_read_from_file(path, text)) return nullptr;
   QN_PRINTLN(kLoaded, path);
   return qn_map_parse(text);

@@ -28,6 +28,7 @@ void* qn::alloc_unfilled(uint32_t size) {
   if (ptr == nullptr) {
     const int error = errno;
     QN_LOG(kAllocFailed, size, error, ErrorText(error).text());
+    errno = error; // for the caller, who may report it too
     return nullptr;
   }
   QN_LOG(kAllocated, ptr, size);

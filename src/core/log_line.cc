@@ -88,7 +88,7 @@ class Header {
     const size_t room = kLineMax - length_;
     if (length > room) cut_ = true;
     const size_t taken = length < room ? length : room;
-    memcpy(line_ + length_, text, taken);
+    copy_bytes(line_ + length_, text, taken);
     length_ += taken;
   }
 

@@ -86,7 +86,9 @@ void* palloc_block(qn_pool& pool, uint32_t size, uint32_t alignment) {
   const uint32_t block_size = static_cast<uint32_t>(pool.block.end - reinterpret_cast<uint8_t*>(&pool));
   PoolBlock* const block = static_cast<PoolBlock*>(qn_memalign(kBlockAlignment, block_size));
   if (block == nullptr) {
+    const int error = errno;
     QN_LOG(kBlockFailed, block_size);
+    errno = error;
     return nullptr;
   }
   uint8_t* const start = reinterpret_cast<uint8_t*>(block);

@@ -18,11 +18,53 @@ constexpr Message kInsertFailed{QN_LOG_E, 467, kStoreModule, "tsearch", "insert 
 constexpr Trace kTraceBuild{kStoreModule, "qn_kvs_build_indexs", 468, "build_indexs",
                             469,          "build_indexs"};
 
-// Eight bytes of a key text as a number that orders as the bytes do.
+constexpr size_t kWordSize = sizeof(uint64_t);
+constexpr size_t kWordCount = kKeyTextSize / kWordSize;
+
+// Eight bytes as a number that orders as they do.
 uint64_t load_ordered(const char* text) {
   uint64_t word = 0;
   memcpy(&word, text, sizeof(word));
   return std::endian::native == std::endian::little ? __builtin_bswap64(word) : word;
+}
+
+// A key text as numbers that order as its bytes do, zeros behind its end.
+struct KeyWords {
+  uint64_t word[kWordCount] = {};
+};
+
+// Not by way of a copy with zeros: words that are read back from bytes just written make the processor
+// wait.
+KeyWords words_of(const char* text, size_t length) {
+  KeyWords key;
+  const size_t whole = length / kWordSize, rest = length % kWordSize;
+  for (size_t i = 0; i < whole; i++) key.word[i] = load_ordered(text + kWordSize * i);
+  if (rest == 0) return key;
+  uint64_t last = 0;
+  if (whole > 0) {
+    last =
+        load_ordered(text + length - kWordSize); // with the end of the word before, which is shifted out
+  } else {
+    for (size_t i = 0; i < rest; i++) last = last << 8 | static_cast<uint8_t>(text[i]);
+  }
+  key.word[whole] = last << 8 * (kWordSize - rest);
+  return key;
+}
+
+// As strncmp() on the texts.
+template <typename Left>
+int compare_words(Left left_word, const void* right) {
+  const char* const right_text = static_cast<const kvs_key_entry_t*>(right)->text;
+  for (size_t i = 0; i < kWordCount; i++) {
+    const uint64_t left = left_word(i), word = load_ordered(right_text + kWordSize * i);
+    if (left != word) return left < word ? -1 : 1;
+  }
+  return 0;
+}
+
+int compare_wanted(const void* wanted, const void* entry) {
+  const KeyWords& words = *static_cast<const KeyWords*>(wanted);
+  return compare_words([&](size_t i) { return words.word[i]; }, entry);
 }
 
 // Makes a damaged entry what the format says it is, so that no lookup is led out of the image and equal
@@ -64,16 +106,16 @@ void index_key(kvstore_t& store, const kvs_value_type_t& type, uint32_t key_inde
 
 } // namespace
 
-// Texts are zero-padded to their full width, so four words decide as strncmp() would.
+// Texts are zero-padded to their full width, so their words decide.
 int kvs_key_compare(const void* left, const void* right) {
-  const char* const left_text = static_cast<const kvs_key_entry_t*>(left)->text;
-  const char* const right_text = static_cast<const kvs_key_entry_t*>(right)->text;
-  for (size_t i = 0; i < kKeyTextSize; i += sizeof(uint64_t)) {
-    const uint64_t left_word = load_ordered(left_text + i);
-    const uint64_t right_word = load_ordered(right_text + i);
-    if (left_word != right_word) return left_word < right_word ? -1 : 1;
-  }
-  return 0;
+  const char* const text = static_cast<const kvs_key_entry_t*>(left)->text;
+  return compare_words([&](size_t i) { return load_ordered(text + kWordSize * i); }, right);
+}
+
+kvs_key_entry_t* kvs_index_find(const kvstore_t& store, const char* text, size_t length) {
+  const KeyWords wanted = words_of(text, length);
+  void* const found = tfind(&wanted, &store.index_root, compare_wanted);
+  return found != nullptr ? *static_cast<kvs_key_entry_t**>(found) : nullptr;
 }
 
 void kvs_index_insert(kvstore_t& store, kvs_key_entry_t& entry) {

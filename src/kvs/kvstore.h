@@ -63,6 +63,9 @@ int32_t kvs_seek_start(int32_t fd);
 // Order of key entries by their text.
 int kvs_key_compare(const void* left, const void* right);
 
+// The entry in the tree whose text is the first `length` bytes of `text`, at most 31 and no NUL; or null.
+kvs_key_entry_t* kvs_index_find(const kvstore_t& store, const char* text, size_t length);
+
 // Enters a busy entry of the image into the tree. One whose text is there already is not added.
 void kvs_index_insert(kvstore_t& store, kvs_key_entry_t& entry);
 

@@ -126,7 +126,7 @@ int32_t make_directories(const char* dbfile) {
 int32_t qn_kvs_create_and_open_dbfile(const char* dbfile, UniqueFd* out) {
   trace_enter(kTraceCreate);
   if (make_directories(dbfile) != 0) return -1;
-  UniqueFd fd(open(dbfile, O_RDWR | O_CREAT | O_CLOEXEC, kFileMode));
+  UniqueFd fd(move_above_standard_streams(open(dbfile, O_RDWR | O_CREAT | O_CLOEXEC, kFileMode)));
   if (!fd.valid()) {
     const int error = errno;
     QN_LOG(kCreateFailed, dbfile, error, ErrorText(error).text());
@@ -147,14 +147,8 @@ int32_t qn_kvs_create_and_open_dbfile(const char* dbfile, UniqueFd* out) {
   return 0;
 }
 
-// Opens an existing file that has our magic and version; changes nothing in it.
-int32_t open_existing(const char* dbfile, UniqueFd* out) {
-  UniqueFd fd(open(dbfile, O_RDWR | O_CLOEXEC));
-  if (!fd.valid()) {
-    const int error = errno;
-    QN_LOG(kOpenFailed, dbfile, error, ErrorText(error).text());
-    return -1;
-  }
+// Whether the file has our magic and version; changes nothing in it.
+int32_t check_header(const char* dbfile, const UniqueFd& fd) {
   char header[kHeaderSize];
   kvs_seek_start(fd.get());
   if (read(fd.get(), header, sizeof(header)) != static_cast<ssize_t>(sizeof(header))) {
@@ -171,7 +165,6 @@ int32_t open_existing(const char* dbfile, UniqueFd* out) {
     QN_LOG(kVersionFailed, kVersion, version, dbfile);
     return -1;
   }
-  out->reset(fd.release());
   return 0;
 }
 
@@ -221,9 +214,17 @@ int32_t create_and_load(kvstore_t& store) {
   return 0;
 }
 
+// The file is asked after only where it cannot be opened: the question alone makes the next change of its
+// time stamps one that a file system must write down.
 int32_t open_and_load(kvstore_t& store) {
-  UniqueFd fd;
-  if (open_existing(store.dbfile, &fd) != 0) return -1;
+  UniqueFd fd(move_above_standard_streams(open(store.dbfile, O_RDWR | O_CLOEXEC)));
+  if (!fd.valid()) {
+    const int error = errno;
+    if (is_absent(store.dbfile)) return create_and_load(store);
+    QN_LOG(kOpenFailed, store.dbfile, error, ErrorText(error).text());
+    return -1;
+  }
+  if (check_header(store.dbfile, fd) != 0) return -1;
   return qn_kvs_safe_load_dbfile(store, fd);
 }
 
@@ -256,8 +257,7 @@ int32_t qn_kvs_open(kvstore_t** store, qn_pool_t* pool, const char* path) {
   }
   qn::StorePtr opened = qn::make_store(pool, path);
   if (!opened) return -1;
-  const bool absent = qn::is_absent(opened->dbfile);
-  if ((absent ? qn::create_and_load(*opened) : qn::open_and_load(*opened)) != 0) return -1;
+  if (qn::open_and_load(*opened) != 0) return -1;
   if (qn::make_lists(*opened) != 0) return -1;
   qn::qn_kvs_build_indexs(*opened);
   *store = opened.release();

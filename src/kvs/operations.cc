@@ -106,10 +106,8 @@ void kvs_copy_key(const qn_str_t& key, char (&text)[kKeyTextSize]) {
 }
 
 kvs_key_entry_t* find_entry(const kvstore_t& store, const qn_str_t& key) {
-  kvs_key_entry_t wanted;
-  kvs_copy_key(key, wanted.text);
-  void* const found = tfind(&wanted, &store.index_root, kvs_key_compare);
-  return found != nullptr ? *static_cast<kvs_key_entry_t**>(found) : nullptr;
+  const size_t length = strnlen(key.data, key.len < QN_KVS_KEY_MAX ? key.len : QN_KVS_KEY_MAX);
+  return kvs_index_find(store, key.data, length);
 }
 
 // --- lists ---
@@ -168,10 +166,12 @@ struct Value {
 // that only a longer `data` behind a NUL can have must not become 0 by being cut.
 uint8_t key_len_byte(uint32_t len) { return static_cast<uint8_t>(len < UINT8_MAX ? len : UINT8_MAX); }
 
-// Takes a free slot of the class and fills in slot and entry. The caller enters the entry into the tree.
-// Returns the entry; null when the class is full or the copy fails, and then nothing has changed.
+enum class Index { kEnter, kLeaveToCaller };
+
+// Takes a free slot of the class and fills in slot and entry. Returns the entry; null when the class is
+// full or the copy fails, and then nothing has changed.
 kvs_key_entry_t* kvs_put_new(kvstore_t& store, const qn_str_t& key, const kvs_value_type_t& type,
-                             const Value& value) {
+                             const Value& value, Index index) {
   kvs_node_t* const node = take_free_node(store, type.value_type);
   if (node == nullptr) {
     QN_LOG(kPutNoNode, value.len, type.value_type, store.dbfile);
@@ -197,15 +197,14 @@ kvs_key_entry_t* kvs_put_new(kvstore_t& store, const qn_str_t& key, const kvs_va
   kvs_key_entry_t& entry = key_entry(store.db_addr, node->key_index);
   kvs_copy_key(key, entry.text);
   entry.key_len = key_len_byte(key.len);
+  if (index == Index::kEnter) kvs_index_insert(store, entry);
   QN_LOG(kNewDone, key.data, node->key_index, node->value_index, value.len, type.value_type);
   return &entry;
 }
 
 int32_t put_new_key(kvstore_t& store, const qn_str_t& key, const kvs_value_type_t& type,
                     const Value& value) {
-  kvs_key_entry_t* const entry = kvs_put_new(store, key, type, value);
-  if (entry == nullptr) return -1;
-  kvs_index_insert(store, *entry);
+  if (kvs_put_new(store, key, type, value, Index::kEnter) == nullptr) return -1;
   kvs_commit(store);
   return 0;
 }
@@ -239,7 +238,7 @@ int32_t update_not_in_place(kvstore_t& store, kvs_key_entry_t& old_entry, const 
   kvs_key_entry_t* entry = nullptr;
   {
     const SpinGuard guard(store.lock);
-    entry = kvs_put_new(store, key, type, value);
+    entry = kvs_put_new(store, key, type, value, Index::kLeaveToCaller);
     if (entry == nullptr) return -1;
     mv_busy_node_to_free_list(store, old_entry, value.len);
     kvs_index_insert(store, *entry);
@@ -342,6 +341,10 @@ int32_t qn_kvs_put_fmt(kvstore_t* store, const qn_str_t* key, const char* fmt, .
     return -1;
   }
   QN_LOG(kFmtKey, key->data);
+  if (fmt == nullptr) {
+    QN_LOG(kFmtFailed, key->data, "-");
+    return -1;
+  }
   const HeapPtr<char> text(static_cast<char*>(qn_alloc(kFmtBufferSize)));
   if (!text) {
     QN_LOG(kFmtNoBuffer, key->data, fmt);

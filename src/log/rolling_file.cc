@@ -16,7 +16,6 @@ namespace {
 
 using qn::Message;
 using qn::MutexGuard;
-using qn::UniqueFd;
 
 constexpr char kModule[] = "qn_file";
 constexpr char kRename[] = "qn_file_rename_and_unlink_old_file";
@@ -32,7 +31,6 @@ constexpr Message kRenameFailedOld{QN_LOG_E, 456, kModule, kRename, "rename fail
 constexpr Message kRenameFailedNew{QN_LOG_E, 457, kModule, kRename, "rename failed. new filename=%s"};
 
 constexpr size_t kCommandSize = 128;
-constexpr int kFirstOwnDescriptor = STDERR_FILENO + 1;
 
 using FilePtr = qn::HeapPtr<qn_file_t>;
 
@@ -75,14 +73,6 @@ void close_descriptor(qn_file_t& file) {
   file.written = 0;
 }
 
-// A descriptor above the standard streams: a daemon that has closed those would lose its log to whoever
-// writes to standard output.
-int open_above_standard_streams(const qn_file_t& file) {
-  UniqueFd fd(open(file.pathname, file.flags | O_CLOEXEC, file.mode));
-  if (fd.get() >= kFirstOwnDescriptor || !fd.valid()) return fd.release();
-  return fcntl(fd.get(), F_DUPFD_CLOEXEC, kFirstOwnDescriptor);
-}
-
 // Under the lock. The old backup goes here; when the file cannot be moved, its content does.
 void qn_file_rename_and_unlink_old_file(const qn_file_t& file, const char* path, const char* filename) {
   char target[sizeof(file.pathname)] = "";
@@ -114,7 +104,7 @@ qn_file_t* qn_file_open(const char* path, const char* filename, int32_t flags, u
 int32_t qn_file_open_file(qn_file_t* file) {
   if (file == nullptr) return -2;
   close_descriptor(*file);
-  file->fd = open_above_standard_streams(*file);
+  file->fd = qn::move_above_standard_streams(open(file->pathname, file->flags | O_CLOEXEC, file->mode));
   if (file->fd < 0) {
     QN_CONSOLE(kOpenFailed, file->pathname);
     return -1;

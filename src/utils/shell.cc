@@ -122,6 +122,8 @@ int32_t qn_os_exec_cmd_and_read_output(const char* cmd, char* output, int32_t si
     room = size - length;
     if (room <= 1) break;
   }
+  // A line that could not be read to its end has overwritten the terminator of what stands before it.
+  if (room > 1 && ferror(stream.get()) != 0) *target = '\0';
   return 0;
 }
 

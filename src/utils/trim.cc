@@ -1,13 +1,11 @@
-// Trimming in place. The set of white space is fixed: isspace() would ask the locale.
+// Trimming in place.
 #include <quillcore/utility.h>
 
 #include <cstring>
 
-namespace {
+#include "utils/white_space.h"
 
-constexpr bool is_white_space(char byte) { return byte == ' ' || (byte >= '\t' && byte <= '\r'); }
-
-} // namespace
+using qn::is_white_space;
 
 char* qn_utils_ltrim(char* text) {
   if (text == nullptr) return nullptr;

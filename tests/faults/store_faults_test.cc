@@ -159,11 +159,12 @@ std::vector<Row> store_rows() {
       {"open_new", open_new, "malloc", ENOMEM, {{-1, {524, 484}}, {-1, {524, 482}}}},
       {"open_new", open_new, "posix_memalign", ENOMEM, pool, kFail, kMore},
       {"open_new", open_new, "stat", ENOENT, {{0}}},
+      {"open_new", open_new, "stat", EIO, {{-1, {488}, ENOENT}}}, // what may be there is not made anew
       {"open_new", open_new, "fork", EAGAIN, {{-1, {614, 459}, ENOENT}}}, // no directory
       {"open_new", open_new, "execv", ENOENT, {{-1, {459}}}},
       {"open_new", open_new, "waitpid", EINTR, {{0}}},
       {"open_new", open_new, "waitpid", ECHILD, {{0, {611, 614}}}},
-      {"open_new", open_new, "open", EACCES, {{-1, {459}}}},
+      {"open_new", open_new, "open", EACCES, {{0}, {-1, {459}}}}, // it is looked for first
       {"open_new", open_new, "ftruncate", EFBIG, {{-1, {460}}, {-1, {461}}}},
       // Before and after the load, then around each of two commits.
       {"open_new", open_new, "lseek", ESPIPE, {{-1, {479}}, {0}, {0, {517}}, {0}, {0, {517}}, {0}}},
@@ -176,7 +177,6 @@ std::vector<Row> store_rows() {
       {"open_old", open_old, "malloc", ENOMEM, {{-1, {524, 484}}, {-1, {524, 482}}}},
       {"open_old", open_old, "posix_memalign", ENOMEM, pool, kFail, kMore},
       {"open_old", open_old, "tsearch", ENOMEM, {{0, {467}}, {0, {467}}, {0, {467}}}},
-      {"open_old", open_old, "stat", ENOMEM, {{0}}}, // what may be there is not made anew
       {"open_old", open_old, "open", EMFILE, {{-1, {488}}}},
       {"open_old", open_old, "lseek", ESPIPE, {{0}, {-1, {479}}, {0}, {0, {517}}, {0}}},
       {"open_old", open_old, "read", EIO, {{-1, {463}}, {-1, {480}}}},

@@ -1,6 +1,8 @@
 // The file, byte for byte, and what open makes of files that are no store.
 #include <gtest/gtest.h>
+#include <quillcore/log.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -9,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "kvs/kvstore.h"
 #include "kvs/open_store.h"
 #include "kvs/store_model.h"
 #include "support/capture.h"
@@ -108,6 +111,24 @@ below a file: 459 kvstore_open open database file failed. dbfile=PATH
 639 bytes: 459 kvstore_open open database file failed. dbfile=
 no path: 459 kvstore_open open database file failed. dbfile=
 )";
+
+// In a process without standard streams: what is printed there would go over the file's magic.
+TEST(StoreOpen, KeepsItsDescriptorAboveTheStandardStreams) {
+  const TempDir dir;
+  for (int opened = 0; opened < 2; opened++) { // a new file, an old one
+    const pid_t child = fork();
+    if (child == 0) {
+      for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++) close(fd);
+      const OpenStore store(dir.file("a"));
+      qn_log_println(QN_LOG_E, 1, "m", "b", "nobody hears this");
+      _exit(store.result() == 0 && store.get()->fd > STDERR_FILENO ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(0, status);
+  }
+  EXPECT_EQ("qnkv8deea96c7bc2b089429s", read_file(dir.file("a")).substr(0, 24));
+}
 
 TEST(StoreOpen, RefusesWhatIsNoStoreAndLeavesItAlone) {
   StderrCapture capture;
