@@ -86,7 +86,7 @@ uloop_timeout reconnect_timer = {};
 // subscribes with the same ones again.
 ubus_event_handler event_handlers[REGISTER_EVENT_SIZE];
 
-bool reconnecting = false; // an attempt is under way
+bool joining = false; // the first subscription or an attempt to come back is under way
 bool lost_meanwhile = false;
 
 // --- signals ---
@@ -157,26 +157,33 @@ void clear_event_handlers() {
 
 // --- repairing a lost connection ---
 
-// The socket is watched first: if the broker goes away during the subscription, the loop sees it.
+// The socket is watched first: if the broker goes away during the subscription, the loop sees it. One
+// that cannot be watched is as good as lost.
 bool rejoin() {
   if (ubus_reconnect(ubus_ctx, ubus_path) != 0) {
     // Its descriptor is closed, and the next attempt would close the number once more, whoever has it.
     ubus_ctx->sock.fd = -1;
     return false;
   }
-  uloop_fd_add(&ubus_ctx->sock, kSocketFlags);
+  if (lost_meanwhile || uloop_fd_add(&ubus_ctx->sock, kSocketFlags) != 0) return false;
   if (subscribe(Occasion::kAgain) == 0 && !lost_meanwhile) return true;
   // Left in the loop, the dead socket would start another attempt beside the timer.
   uloop_fd_delete(&ubus_ctx->sock);
   return false;
 }
 
-void qn_ubus_reconnect_timer(uloop_timeout*) {
-  reconnecting = true;
+// What is done meanwhile starts no attempt of its own when the connection is lost: it is noted.
+template <typename Result>
+Result join_by(Result (*steps)()) {
+  joining = true;
   lost_meanwhile = false;
-  const bool joined = rejoin();
-  reconnecting = false;
-  if (joined) {
+  const Result result = steps();
+  joining = false;
+  return result;
+}
+
+void qn_ubus_reconnect_timer(uloop_timeout*) {
+  if (join_by(rejoin)) {
     // A timer still pending would tear the good connection down.
     uloop_timeout_cancel(&reconnect_timer);
     QN_LOG(kReconnected, ubus_ctx->local_id);
@@ -189,7 +196,7 @@ void qn_ubus_reconnect_timer(uloop_timeout*) {
 // Comes from the loop, or from inside any call that waits for an answer, an attempt included: that one
 // then counts as failed.
 void qn_ubus_connection_lost(ubus_context*) {
-  if (reconnecting) {
+  if (joining) {
     lost_meanwhile = true;
   } else {
     qn_ubus_reconnect_timer(&reconnect_timer);
@@ -215,18 +222,21 @@ bool connect_bus(const char* path) {
   }
   QN_LOG(kConnected);
   ubus_ctx->connection_lost = qn_ubus_connection_lost;
-  uloop_fd_add(&ubus_ctx->sock, kSocketFlags);
-  return true;
+  if (uloop_fd_add(&ubus_ctx->sock, kSocketFlags) == 0) return true;
+  QN_LOG(kConnectFailed);
+  free_context();
+  return false;
 }
 
 // The failure word is looked at once behind each step.
 bool join_bus() {
   clear_event_handlers();
-  if (subscribe(Occasion::kFirst) != 0) {
+  if (join_by<int>([] { return subscribe(Occasion::kFirst); }) != 0) {
     QN_LOG(kRegisterFailed);
     free_context();
     return false;
   }
+  if (lost_meanwhile) qn_ubus_reconnect_timer(&reconnect_timer);
   if (run_business_handlers() != 0) {
     QN_LOG(kBizFailed);
     free_context();

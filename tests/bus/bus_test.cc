@@ -9,6 +9,7 @@
 #include <poll.h>
 #include <quillcore/bus.h>
 #include <quillcore/utility.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -79,7 +80,8 @@ int32_t on_connected(ubus_context* ctx) {
 // A child that runs the client until it is ended, and what it prints.
 class Client {
  public:
-  Client(const std::string& path, const char* pattern) {
+  Client(
+      const std::string& path, const char* pattern, void (*prepare)() = [] {}) {
     int ends[2];
     EXPECT_EQ(0, pipe2(ends, O_CLOEXEC));
     child_ = fork();
@@ -88,6 +90,7 @@ class Client {
       qn_ubus_init();
       qn_ubus_add_handler(1, on_connected);
       if (pattern != nullptr) qn_ubus_add_event_handler(pattern, on_event);
+      prepare();
       qn_ubus_start(path.c_str());
       for (;;) pause();
     }
@@ -290,6 +293,43 @@ TEST(BusFaults, AFirstConnectionThatFailsEndsTheThread) {
     EXPECT_TRUE(client.waits_for("[0621] [E] [qn_ubus] [qn_ubus_loop] Failed to connect to ubus."))
         << client.text();
   }
+}
+
+// One is enough for the loop and for the socket, but not for both and the loop's wake-up.
+TEST(BusFaults, OneFreeDescriptorIsNotEnough) {
+  const TempDir dir;
+  const Broker broker(dir.file("bus"), nullptr);
+  Client client(dir.file("bus"), "mesh.*", [] {
+    const rlimit few = {64, 64};
+    setrlimit(RLIMIT_NOFILE, &few);
+    int last = -1;
+    for (int fd = 0; (fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) last = fd;
+    close(last);
+  });
+  EXPECT_TRUE(client.waits_for("[0621] [E]")) << client.text();
+}
+
+TEST(BusFaults, ABrokerThatGoesDuringTheFirstSubscriptionEndsTheThread) {
+  for (const char* fault : {"close-on-add", "close-on-register"}) {
+    SCOPED_TRACE(fault);
+    const TempDir dir;
+    const Broker broker(dir.file("bus"), fault);
+    Client client(dir.file("bus"), "mesh.*");
+    EXPECT_TRUE(client.waits_for("qn_ubus_register_event failed.")) << client.text();
+    for (const char* attempt : {"[0616]", "[0617]"}) {
+      EXPECT_EQ(std::string::npos, client.text().find(attempt)) << client.text();
+    }
+  }
+}
+
+TEST(BusSignals, OneThatComesBeforeTheLoopEndsIt) {
+  const TempDir dir;
+  const Broker broker(dir.file("bus"), nullptr);
+  Client client(dir.file("bus"), nullptr, [] {
+    qn_ubus_add_handler(1, [](ubus_context*) -> int32_t { return kill(getpid(), SIGTERM); });
+  });
+  EXPECT_TRUE(client.waits_for("[0623] [I]")) << client.text();
+  EXPECT_TRUE(client.waits_for("[0625] [I]")) << client.text();
 }
 
 TEST(BusFaults, ASlowOrTalkativeBrokerIsServed) {

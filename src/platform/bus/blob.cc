@@ -72,7 +72,7 @@ blob_attr* blob_next(const blob_attr* attr) {
 }
 
 bool blobmsg_fits(const blob_attr* attr, size_t rem) {
-  return rem >= kHeadSize && blob_raw_len(attr) >= kHeadSize && blob_pad_len(attr) <= rem;
+  return rem >= kHeadSize && blob_pad_len(attr) >= kHeadSize && blob_pad_len(attr) <= rem;
 }
 
 bool blobmsg_check_attr(const blob_attr* attr, bool name) {

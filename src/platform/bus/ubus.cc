@@ -191,7 +191,9 @@ void send_status(ubus_context& ctx, const MessageHead& request, uint32_t status,
 
 // --- events ---
 
+// Null too for id 0: that is what an object has that the broker does not know.
 ubus_object* find_object(const ubus_connection& connection, uint32_t id) {
+  if (id == 0) return nullptr;
   ubus_object* object = connection.objects;
   while (object != nullptr && object->id != id) object = object->next;
   return object;
@@ -222,12 +224,6 @@ void deliver_events(ubus_context& ctx) {
   }
 }
 
-void on_deliver(uloop_timeout* timer) {
-  auto* const connection = reinterpret_cast<ubus_connection*>(reinterpret_cast<char*>(timer) -
-                                                              offsetof(ubus_connection, deliver));
-  deliver_events(*connection->context);
-}
-
 void keep_event(ubus_connection& connection, MessagePtr event) {
   Message** place = &connection.events;
   while (*place != nullptr) place = &(*place)->next;
@@ -249,6 +245,14 @@ void tell_if_lost(ubus_context& ctx) {
   uloop_fd_delete(&ctx.sock);
   ctx.sock.eof = ctx.sock.error = true;
   if (ctx.connection_lost != nullptr) ctx.connection_lost(&ctx);
+}
+
+void on_deliver(uloop_timeout* timer) {
+  auto* const connection = reinterpret_cast<ubus_connection*>(reinterpret_cast<char*>(timer) -
+                                                              offsetof(ubus_connection, deliver));
+  ubus_context& ctx = *connection->context;
+  deliver_events(ctx);
+  tell_if_lost(ctx);
 }
 
 // The loop's callback. One message a call, since others wait for the loop; but a hang-up has taken the
@@ -277,15 +281,17 @@ int request(ubus_context& ctx, MessageBuilder& message, uint32_t peer, uint32_t*
 
   const int64_t deadline_ms = now_ms() + kWaitMs;
   int status = -1;
+  bool late = false; // also where events come without end
   connection.waiting = true;
   while (status < 0) {
-    MessagePtr answer = wait_message(ctx, deadline_ms);
+    MessagePtr answer = late ? nullptr : wait_message(ctx, deadline_ms);
     if (!answer) {
       status = connection.lost ? UBUS_STATUS_CONNECTION_FAILED : UBUS_STATUS_TIMEOUT;
       // An answer that comes too late would be taken for that of another request one day.
       connection.lost = true;
     } else if (answer->head.type == kInvoke) {
       keep_event(connection, std::move(answer));
+      late = now_ms() >= deadline_ms;
     } else if (answer->head.seq == seq && answer->head.peer == peer) {
       const MessageBody body = parse_body(answer->body, answer->head.body_len);
       if (answer->head.type == kData && body.has_objid && objid != nullptr) *objid = body.objid;
@@ -366,7 +372,7 @@ void add_objects_again(ubus_context& ctx) {
 } // namespace
 
 ubus_context* ubus_connect(const char* path) {
-  uloop_init();
+  if (uloop_init() != 0) return nullptr;
   ubus_context* const ctx = static_cast<ubus_context*>(calloc(1, sizeof(ubus_context)));
   if (ctx == nullptr) return nullptr;
   ctx->connection = static_cast<ubus_connection*>(calloc(1, sizeof(ubus_connection)));

@@ -6,6 +6,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
@@ -22,8 +23,12 @@ constexpr int64_t kMicrosPerMilli = 1000;
 constexpr int64_t kMicrosPerSecond = 1000000;
 
 int g_epoll = -1;
-int g_wake = -1; // an eventfd: what a signal handler may write to, and what wakes the wait
-volatile sig_atomic_t g_signal = 0;
+// What a handler touches, on whichever thread took the signal: an eventfd, which wakes the wait, and the
+// signal. The eventfd is made once and stays, since nothing tells when the last handler has written to
+// it.
+std::atomic<int> g_wake{-1};
+std::atomic<int> g_signal{0};
+static_assert(std::atomic<int>::is_always_lock_free);
 uloop_timeout* g_timers = nullptr; // by the time they are due
 struct sigaction g_before[kSignalCount];
 bool g_taken[kSignalCount];
@@ -43,9 +48,10 @@ int64_t due_us(const uloop_timeout& timer) {
 
 void on_end_signal(int signal_number) {
   const int kept = errno;
-  g_signal = signal_number;
+  g_signal.store(signal_number, std::memory_order_release);
   const uint64_t one = 1;
-  [[maybe_unused]] const ssize_t ignored = write(g_wake, &one, sizeof(one));
+  [[maybe_unused]] const ssize_t ignored =
+      write(g_wake.load(std::memory_order_acquire), &one, sizeof(one));
   errno = kept;
 }
 
@@ -80,9 +86,17 @@ void give_signals_back() {
 
 void close_loop() {
   if (g_epoll >= 0) close(g_epoll);
-  if (g_wake >= 0) close(g_wake);
-  g_epoll = g_wake = -1;
+  g_epoll = -1;
 }
+
+bool make_wake() {
+  if (g_wake.load(std::memory_order_relaxed) < 0) {
+    g_wake.store(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), std::memory_order_release);
+  }
+  return g_wake.load(std::memory_order_relaxed) >= 0;
+}
+
+bool is_ended() { return uloop_cancelled || g_signal.load(std::memory_order_acquire) != 0; }
 
 uint32_t interest_of(unsigned int flags) {
   uint32_t interest = EPOLLRDHUP;
@@ -122,17 +136,20 @@ void run_callback(uloop_fd& sock, uint32_t ready) {
   if (sock.cb != nullptr) sock.cb(&sock, events);
 }
 
-// One descriptor a round: a callback may release what another event of the same wait would name.
-void wait_once(int limit_ms) {
+// One descriptor a round: a callback may release what another event of the same wait would name. False
+// where there is nothing to wait with.
+bool wait_once(int limit_ms) {
   epoll_event event = {};
-  if (epoll_wait(g_epoll, &event, 1, wait_ms(limit_ms)) != 1) return;
+  const int ready = epoll_wait(g_epoll, &event, 1, wait_ms(limit_ms));
+  if (ready != 1) return ready == 0 || errno == EINTR;
   uloop_fd* const sock = static_cast<uloop_fd*>(event.data.ptr);
   if (sock != &g_wake_entry) {
     run_callback(*sock, event.events);
-    return;
+    return true;
   }
   uint64_t count = 0;
   [[maybe_unused]] const ssize_t ignored = read(g_wake, &count, sizeof(count));
+  return true;
 }
 
 } // namespace
@@ -140,14 +157,14 @@ void wait_once(int limit_ms) {
 int uloop_init() {
   if (g_epoll >= 0) return 0;
   g_epoll = epoll_create1(EPOLL_CLOEXEC);
-  g_wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   epoll_event event = {};
   event.events = EPOLLIN;
   event.data.ptr = &g_wake_entry;
-  if (g_epoll < 0 || g_wake < 0 || epoll_ctl(g_epoll, EPOLL_CTL_ADD, g_wake, &event) != 0) {
+  if (g_epoll < 0 || !make_wake() || epoll_ctl(g_epoll, EPOLL_CTL_ADD, g_wake, &event) != 0) {
     close_loop();
     return -1;
   }
+  g_signal.store(0, std::memory_order_relaxed);
   take_signals();
   return 0;
 }
@@ -200,15 +217,14 @@ int uloop_timeout_cancel(uloop_timeout* timeout) {
   return 0;
 }
 
+// A signal that came since uloop_init() ends it at once.
 int uloop_run_timeout(int timeout) {
   uloop_cancelled = false;
-  g_signal = 0;
   do {
     run_due_timers();
-    if (uloop_cancelled || g_signal != 0) break;
-    wait_once(timeout);
-  } while (timeout < 0 && !uloop_cancelled && g_signal == 0);
-  return g_signal;
+    if (is_ended() || !wait_once(timeout)) break;
+  } while (timeout < 0 && !is_ended());
+  return g_signal.exchange(0, std::memory_order_acquire);
 }
 
 void uloop_end() { uloop_cancelled = true; }
