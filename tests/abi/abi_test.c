@@ -10,6 +10,7 @@
 #include <quillcore/quillcore.h>
 #include <sched.h>
 #include <signal.h>
+#include <stdatomic.h>
 #include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -178,6 +179,32 @@ static void* stack_size(void* arg) {
   return arg;
 }
 
+static void* print_until_told(void* told) {
+  while (!atomic_load((atomic_int*)told)) qn_log_println(QN_LOG_I, 7006, "abi", "print", "beside a fork");
+  return NULL;
+}
+
+// A lock that the printing thread held at the moment of the fork would hold the child up for ever.
+static int children_print(void) {
+  atomic_int told = 0;
+  pthread_t thread;
+  if (pthread_create(&thread, NULL, print_until_told, &told) != 0) return 0;
+  int printed = 1;
+  for (int i = 0; i < 200 && printed; i++) {
+    const pid_t child = fork();
+    if (child == 0) {
+      alarm(30);
+      qn_log_println(QN_LOG_I, 7007, "abi", "print", "in the child");
+      _exit(0);
+    }
+    int status = -1;
+    printed = waitpid(child, &status, 0) == child && status == 0;
+  }
+  atomic_store(&told, 1);
+  pthread_join(thread, NULL);
+  return printed;
+}
+
 static void test_threads(void) {
   family = "thread";
   pthread_t thread;
@@ -186,6 +213,8 @@ static void test_threads(void) {
   check(qn_pthread_new(&thread, stack_size, &size) == 0, "a thread starts");
   check(pthread_join(thread, &result) == 0 && result == &size, "and can be joined");
   check(size >= QN_PTHREAD_STACK_SIZE, "its stack has the size that is promised");
+  check(children_print(), "children of forks print beside a thread that does");
+
   pthread_mutex_t mutex;
   check(qn_pthread_mutex_init(&mutex) == 0 && pthread_mutex_lock(&mutex) == 0, "a mutex");
   check(pthread_mutex_trylock(&mutex) == EBUSY, "is not recursive");
