@@ -6,8 +6,9 @@
 //   - A context that a business handler keeps belongs to the bus thread: libubus and uloop have no locks.
 //   - While the loop runs, SIGTERM and SIGINT end the loop and not the process, unless the process set
 //     handlers of its own before qn_ubus_start(). One that comes while the thread connects ends the loop
-//     as it begins (a real libubox forgets it). Where the thread ends before its loop, they are put back,
-//     and one that came until then is lost. SIGPIPE is ignored from the start on, unless it has a handler.
+//     as it begins (a real libubox forgets it). Where the thread ends before its loop, they are put back
+//     and one that came until then is lost. SIGPIPE is ignored from the start on, unless it has a
+//     handler.
 //   - SIGCHLD is left alone: the loop takes no child's status away from whoever waits for it.
 //   - A first connection is not tried again: the thread ends, and only the log tells (621). A connection
 //     that was lost is repaired without limit, at once and then every two seconds, and the subscription
