@@ -18,6 +18,8 @@ end() {
   rm -rf -- "$work"
 }
 trap end EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM HUP
 
 fail() {
   echo "FAILED: $*" >&2
@@ -52,7 +54,7 @@ c++ -std=c++17 $(pkg-config --cflags quillcore) -o "$work/pkg-config/consumer" \
   "$source/tests/install/consumer.cc" $(pkg-config --libs quillcore)
 
 if ! {
-  "$cmake" -S "$source/tests/install" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" \
+  "$cmake" -G Ninja -S "$source/tests/install" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" \
     -DQUILL_EXAMPLES="$examples" && "$cmake" --build "$work/cmake"
 } >"$work/cmake.log" 2>&1; then
   cat "$work/cmake.log"
