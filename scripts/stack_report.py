@@ -4,9 +4,10 @@
 Usage: stack_report.py FOLDER ENTRY CALLBACK...
 
 FOLDER is searched for .ci files. ENTRY and CALLBACKs are names of functions: where a thread begins, and what
-it may reach through pointers. Prints "key value" lines: the largest frame, and an upper bound of the deepest
-path below ENTRY: functions that can call each other in a circle count once each, all of them together. The
-frames of the C library and of a process's own handlers are not among them.
+it may reach through pointers. Prints "key value" lines: the largest frame, and the deepest path below ENTRY.
+Functions that can call each other in a circle count once each, all of them together: a bound as long as no
+circle is gone round twice. The frames of the C library and of a process's own handlers are not among them. A
+function whose frame has no bound is an error.
 """
 import pathlib
 import re
@@ -24,9 +25,12 @@ class Graph:
 
     def read(self, text):
         for title, label in re.findall(r'^node: \{ title: "([^"]+)" label: "([^"]*)"', text, re.M):
-            frame = re.search(r"\\n(\d+) bytes \((\w+)", label)
-            if frame:
-                self.frames[title] = int(frame.group(1))
+            frame = re.search(r"\\n(\d+) bytes \(([^)]*)\)", label)
+            if not frame:
+                continue
+            if frame.group(2) == "dynamic":
+                sys.exit(f"stack_report.py: no bound for the frame of {title}")
+            self.frames[title] = int(frame.group(1))
         for source, target in re.findall(r'^edge: \{ sourcename: "([^"]+)" targetname: "([^"]+)"', text, re.M):
             self.calls.setdefault(source, set()).add(target)
 
