@@ -1,12 +1,16 @@
-// The size of each public structure, and the offset of each of its fields, as the compiler of a target
-// sees them. It is compiled to assembly and never run: each line of the list is a comment in there,
-// ">NAME NUMBER".
+// The size of each public structure, and offset and size of each of its fields, as the compiler of a
+// target sees them. It is compiled to assembly and never run: each line of the list is a comment in
+// there,
+// ">NAME NUMBER" or ">NAME OFFSET SIZE".
 #include <quillcore/quillcore.h>
 #include <stddef.h>
 
 #define TELL(name, number) __asm__ volatile("\n@>" name " %0" : : "i"(number))
 #define SIZE(type) TELL(#type, sizeof(type))
-#define FIELD(type, field) TELL(#type "." #field, offsetof(type, field))
+#define FIELD(type, field)                          \
+  __asm__ volatile("\n@>" #type "." #field " %0 %1" \
+                   :                                \
+                   : "i"(offsetof(type, field)), "i"(sizeof(((type*)0)->field)))
 
 void layout(void);
 void layout(void) {
