@@ -1,9 +1,11 @@
 # Language, warnings and definitions, each in one interface target.
 
-# Warnings are errors everywhere, tests and benchmarks included.
+# Warnings are errors everywhere, tests and benchmarks included, unless somebody packages it with a compiler
+# that we do not know.
+option(QUILL_WERROR "Take warnings as errors" ON)
 add_library(quillcore_warnings INTERFACE)
 target_compile_options(quillcore_warnings INTERFACE
-  -Wall -Wextra -Werror -Wshadow -Wconversion -Wformat=2
+  -Wall -Wextra $<$<BOOL:${QUILL_WERROR}>:-Werror> -Wshadow -Wconversion -Wformat=2
   # The texts of records are members of constant tables: GCC sees through them and checks the arguments,
   # clang only sees that they are no literals.
   $<$<CXX_COMPILER_ID:Clang>:-Wno-format-nonliteral -Wno-format-security>)

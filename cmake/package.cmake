@@ -23,10 +23,11 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_RECOMMENDS iproute2) # "ip", which makes pairs of interfaces
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libquillcore-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libquillcore1 (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libquillcore1 (= ${PROJECT_VERSION}), libc6-dev")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME quillcore-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libquillcore1 (= ${PROJECT_VERSION})")
+# The C library that the shared library asks for will do for the tools, which were built beside it.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libquillcore1 (= ${PROJECT_VERSION}), libc6")
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "The shared library.")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "Headers, the static library, pkg-config and CMake files.")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "The example daemon hubd and its client hubctl.")

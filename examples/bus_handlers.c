@@ -66,6 +66,10 @@ static void on_event(struct ubus_context* ctx, struct ubus_event_handler* ev, co
   blobmsg_for_each_attr(field, msg, rem) {
     if (blobmsg_check_attr(field, true)) add_field(&text, field); // whatever the bus brings is checked
   }
+  // The log has a line for each record, whatever the bus brings.
+  for (char* byte = text.bytes; *byte != '\0'; byte++) {
+    if ((unsigned char)*byte < ' ') *byte = '?';
+  }
   qn_log_core_adpater(QN_LOG_I, 9004, "hubd", 1, 1, "hubd_event", "event %s", text.bytes);
   if (hub_store_put_text(hub_of_the_bus, HUB_LAST_EVENT, text.bytes) != 0) {
     qn_log_core_adpater(QN_LOG_W, 9005, "hubd", 1, 1, "hubd_event", "the event could not be kept.");

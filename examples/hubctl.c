@@ -259,6 +259,6 @@ int main(int argc, char** argv) {
   }
   const int status = command->run(&client, argv + next + taken);
   hub_disconnect(&client);
-  if (fflush(stdout) != 0) return EXIT_NOT_HELD;
+  if (fflush(stdout) != 0 || ferror(stdout)) return EXIT_NOT_HELD;
   return status;
 }

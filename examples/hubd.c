@@ -53,7 +53,11 @@ static struct {
   char store_path[PATH_MAX];
   char socket_path[PATH_MAX]; // `conf` borrows it
   char bus_path[PATH_MAX];    // empty for none
-  const char* pid_file;       // null until it is ours
+  // How far it has come up.
+  const char* pid_file; // null until it is ours
+  int logs;
+  int keeps;  // the store is open
+  int serves; // a thread of the service may be there
 } hub;
 
 typedef struct arguments {
@@ -109,6 +113,7 @@ static int choose_path(char* out, const char* path, const char* dir, const char*
 static int choose_paths(const arguments_t* arguments) {
   if (choose_path(hub.store_path, arguments->store, arguments->dir, "hubd.kvs") != 0) return -1;
   if (choose_path(hub.socket_path, arguments->socket, arguments->dir, "hubd.sock") != 0) return -1;
+  if (strlen(hub.socket_path) > QN_SOCK_PATH_MAX) return fail("the socket's path is too long");
   if (arguments->bus == NULL) return 0;
   return choose_path(hub.bus_path, arguments->bus, "", "");
 }
@@ -121,20 +126,20 @@ static int take_pid_file(const char* name) {
   return 0;
 }
 
-// Makes sure that no other hubd works on the store, whatever its pid file is called: a store takes no
-// lock on its file by itself, and a pid file does not hold against a second hubd of the same moment. The
-// descriptor stays open, and with it the lock, until the process ends, however it ends. It is a lock of
-// the process, which its children do not inherit.
-static int lock_store(void) {
+// Makes sure that no other hubd works on a file, whatever its pid file is called: a store takes no lock
+// on its file by itself, a service takes over a socket that is there, and a pid file does not hold
+// against a second hubd of the same moment. The descriptor stays open, and with it the lock, until the
+// process ends, however it ends. It is a lock of the process, which its children do not inherit.
+static int lock_beside(const char* file, const char* if_taken) {
   char path[PATH_MAX + sizeof(".lock")];
-  snprintf(path, sizeof(path), "%s.lock", hub.store_path);
+  snprintf(path, sizeof(path), "%s.lock", file);
 
   const int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  if (fd < 0) return fail("cannot make the lock file beside the store");
+  if (fd < 0) return fail("cannot make a lock file beside the store or the socket");
   struct flock whole = {.l_type = F_WRLCK, .l_whence = SEEK_SET};
   if (fcntl(fd, F_SETLK, &whole) == 0) return 0;
   close(fd);
-  return fail("the store is in use by another hubd");
+  return fail(if_taken);
 }
 
 // Waits at most five seconds until a client can connect. The start of a service only tells that its
@@ -159,6 +164,7 @@ static int open_store(void) {
   kvstore_t* store;
   if (qn_kvs_open(&store, hub.cycle->pool, hub.store_path) != 0) return fail("cannot open the store");
   hub_store_init(&hub.store, store);
+  hub.keeps = 1;
   return 0;
 }
 
@@ -171,7 +177,15 @@ static int start_service(void) {
   if (qn_service_start_with_thread(hub.cycle, &hub.conf, apis, NULL) != 0) {
     return fail("cannot start the service");
   }
+  hub.serves = 1;
   return 0;
+}
+
+// The locks come before the pid file: who has them is the one that may take that over and remove it.
+static int take_what_is_ours(const char* pid_file) {
+  if (lock_beside(hub.store_path, "the store is in use by another hubd") != 0) return -1;
+  if (lock_beside(hub.socket_path, "the socket is in use by another hubd") != 0) return -1;
+  return take_pid_file(pid_file);
 }
 
 static int bring_up(const arguments_t* arguments) {
@@ -179,7 +193,7 @@ static int bring_up(const arguments_t* arguments) {
   if (arguments->daemon) qn_daemon();
   // A supervisor starts hubd with any umask, and qn_daemon() leaves 0: the store is for nobody else.
   umask(077);
-  if (take_pid_file(arguments->pid_file) != 0 || lock_store() != 0) return -1;
+  if (take_what_is_ours(arguments->pid_file) != 0) return -1;
 
   hub.cycle = qn_cycle_new();
   if (hub.cycle == NULL) return fail("no memory for the cycle");
@@ -188,6 +202,7 @@ static int bring_up(const arguments_t* arguments) {
   if (qn_log_new_singleton_instance(LOG_CONFIG, ROLE_HUBD, LOG_APPEND) != 0) {
     return fail("cannot open the log");
   }
+  hub.logs = 1;
   if (open_store() != 0) return -1;
   if (hub_interfaces_init() != 0) return fail("no memory for the interfaces");
   // Forked while there is one thread only.
@@ -227,18 +242,19 @@ static int wait_until_alone(void) {
   return 0;
 }
 
+// Undoes what has been reached, also when bringing up has failed half-way.
 static void shut_down(void) {
-  qn_service_stop_with_thread(hub.cycle);
+  if (hub.serves) qn_service_stop_with_thread(hub.cycle);
   const int alone = wait_until_alone();
-  hub_store_close(&hub.store); // waits for a handler that runs; later ones are refused
+  if (hub.keeps) hub_store_close(&hub.store); // waits for a handler that runs; later ones are refused
   hub_sampler_stop();
-  unlink(hub.socket_path); // the service leaves its socket file behind
-  qn_proc_clean_pidfile(hub.pid_file);
+  if (hub.serves) unlink(hub.socket_path); // the service leaves its socket file behind
+  if (hub.pid_file != NULL) qn_proc_clean_pidfile(hub.pid_file);
 
   // A thread that is still there may log, and the service's writes to its record in the cycle's pool as
   // the last thing it does. Then the process's end takes both; every record is on disk already.
   if (!alone) return;
-  qn_log_free_singleton_instance();
+  if (hub.logs) qn_log_free_singleton_instance();
   qn_cycle_free(hub.cycle);
 }
 
@@ -272,8 +288,7 @@ int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &ending, NULL);
 
   if (bring_up(&arguments) != 0) {
-    hub_sampler_stop();
-    if (hub.pid_file != NULL) qn_proc_clean_pidfile(hub.pid_file);
+    shut_down();
     return 1;
   }
   printf("hubd: serving on %s\n", hub.socket_path);

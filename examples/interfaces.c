@@ -186,7 +186,8 @@ int32_t handle_pair(const qn_msg_req_t* req, void** rsp_body, uint32_t* rsp_len)
   }
   // 0 does not prove that the port is on this bridge: it may be on another already.
   if (QnIntfAddIfToBridge(bridge, name) != 0 || !QnIntfIsOnBridge(bridge, name)) {
-    qn_service_make_error_msg(HUB_ERR_PAIR, rsp_body, rsp_len, "%s did not go to %s", name, bridge);
+    qn_service_make_error_msg(HUB_ERR_PAIR, rsp_body, rsp_len, "%s and %s were made, but %s is not on %s",
+                              name, peer, name, bridge);
     return -1;
   }
   return 0;

@@ -159,9 +159,19 @@ static int start(void) {
   return 0;
 }
 
+// A child that has closed its pipe and does not end within STOP_MS_MAX is ended by force.
 static void reap(uint8_t ended_by) {
+  const int64_t until = qn_time_timestamp() + STOP_MS_MAX;
+  const struct timespec pause = {.tv_nsec = 1000000}; // 1 ms
   int status = 0;
-  while (waitpid(sampler.child.pid, &status, 0) < 0 && errno == EINTR) continue;
+  pid_t ended = 0;
+  while ((ended = waitpid(sampler.child.pid, &status, WNOHANG)) == 0 || (ended < 0 && errno == EINTR)) {
+    if (qn_time_timestamp() > until) {
+      kill(sampler.child.pid, SIGKILL);
+      ended_by = HUB_ENDED_BY_FORCE;
+    }
+    nanosleep(&pause, NULL);
+  }
   sampler.state.pid = 0;
   sampler.state.ended_by = ended_by;
   sampler.state.wait_status = status;
@@ -174,7 +184,8 @@ static int listen_to_heart(int timeout_ms) {
   struct pollfd pipe = {.fd = sampler.child.read_fd, .events = POLLIN};
   for (;;) {
     const int64_t left = until - qn_time_timestamp();
-    const int ready = poll(&pipe, 1, left > 0 ? (int)left : 0);
+    if (left < 0) return 0; // also when it never stops talking
+    const int ready = poll(&pipe, 1, (int)left);
     if (ready < 0 && errno == EINTR) continue;
     if (ready <= 0) return 0;
 

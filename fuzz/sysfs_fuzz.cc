@@ -66,7 +66,10 @@ uint64_t decimal(const std::string& text, bool* exact) {
 bool is_number(const std::string& text, int32_t got) {
   bool exact = false;
   const int64_t number = static_cast<int64_t>(decimal(text, &exact));
-  return !exact || number < INT_MIN || number > INT_MAX || number == got;
+  const size_t at = std::min(text.find_first_not_of(kWhite), text.size());
+  const bool negative = at < text.size() && text[at] == '-';
+  if (!exact || (number != 0 && (number < 0) != negative)) return true; // past 64 bits with a sign
+  return number < INT_MIN || number > INT_MAX || number == got;
 }
 
 int32_t oper_state(const std::string& text) {

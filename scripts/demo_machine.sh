@@ -170,10 +170,13 @@ show_daemon() {
     die "hubd leads its session, or shares ours"
   held "hubd is a daemon" "pid $daemon_pid, works in /, leads no session"
   before=$(cksum <"$PID_FILE")
-  refused "a second one with this pid file" 1 "hubd: another hubd runs"
+  refused "a second one with this pid file" 1 "hubd: another hubd runs" --store "$dir/other.kvs" \
+    --socket "$dir/other.sock"
   [[ $(cksum <"$PID_FILE") == "$before" ]] || die "the pid file was changed"
   refused "one with another pid file" 1 "hubd: the store is in use by another hubd" --pid-file other.pid
-  [[ ! -e /tmp/quillnet/other.pid ]] || die "it left its pid file behind"
+  refused "one with another store" 1 "hubd: the socket is in use by another hubd" --pid-file other.pid \
+    --store "$dir/other.kvs"
+  [[ ! -e /tmp/quillnet/other.pid ]] || die "they left a pid file behind"
   check_count
   end_daemon KILL
   [[ -s $PID_FILE ]] || die "the pid file went with SIGKILL"

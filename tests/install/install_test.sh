@@ -103,7 +103,7 @@ procd_set_param() {
   exec "$@"
 }
 . "$1"
-PROGRAM=$2 STATE=$3 BUS=$3/no-bus
+PROGRAM=$2 STATE=$3 SOCKET=$3/hubd.sock BUS=$3/no-bus
 start_service
 END
 state=$work/state-init
