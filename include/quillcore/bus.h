@@ -13,10 +13,11 @@
 //   - A first connection is not tried again: the thread ends, and only the log tells (621). A connection
 //     that was lost is repaired without limit, at once and then every two seconds, and the subscription
 //     is in force again when 617 is logged. Events sent meanwhile are lost.
-//   - A handler reads the fields of an event with libubox's blobmsg functions; type and message are valid
-//     during its call only.
+//   - A handler reads the fields of an event with libubox's blobmsg functions, which a process has only
+//     where libubox is installed; type and message are valid during its call only.
 //
-// Threads: init and the add functions are used on one thread, before the start.
+// Threads: init, the add functions and the start are called on one thread, in this order; the stop on
+// any.
 #ifndef QUILLCORE_BUS_H
 #define QUILLCORE_BUS_H
 
@@ -43,7 +44,7 @@ typedef void (*qn_ubus_event_handler_t)(struct ubus_context* ctx, struct ubus_ev
                                         const char* type, struct blob_attr* msg);
 
 // Empties the rows of the business handlers. Their count stays: rows added before are skipped, and new
-// ones go behind them. Returns 0.
+// ones go behind them, but one of type 0 takes the first emptied row. Returns 0.
 QN_API int32_t qn_ubus_init(void);
 
 // Adds a business handler under `type`, or replaces the one of that type. A null handler is skipped.

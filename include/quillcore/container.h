@@ -42,6 +42,7 @@ QN_API qn_map_t* qn_conf_load(const char* path);
 //
 // The table owns its copies of the keys and does not own the values. It has a mutex of its own, which is
 // not recursive: a `hash`, `cmp` or apply function must not call put, get, remove or map on its table.
+// Any thread may call the functions below unless they say otherwise.
 typedef struct qn_table qn_table_t; // opaque
 
 // Compares the caller's key with a stored one: 0 if they are equal.
@@ -73,6 +74,7 @@ QN_API void* qn_table_remove(qn_table_t* table, const char* key);
 QN_API int32_t qn_table_length(qn_table_t* table);
 
 // Calls `apply` for each key under the table's mutex. It must not change which keys there are.
+// A null table is ignored.
 QN_API void qn_table_map(qn_table_t* table, qn_table_apply_t apply, void* closure);
 
 // Lists the table as key, value, key, value, ... and `end` behind the last pair. The keys are the table's

@@ -8,8 +8,8 @@
 // The stamp is local time; its last field is the microseconds, not zero-filled. A record never exceeds
 // 1023 bytes with its line feed. A text that does not fit behind the header is dropped whole.
 //
-// Until a process has a log instance, and after that is ended, every record goes to standard error and no
-// gate is asked.
+// Until the process has its own instance, and after that is ended, every record for it goes to standard
+// error and no gate is asked.
 //
 // Arguments that all entries share:
 //   level     QN_LOG_G ... QN_LOG_F or QN_LOG_T; no other number
@@ -21,8 +21,9 @@
 //   fmt, ...  the text, as for printf; a line feed of its own is kept beside the one of `newline`
 // A null module, biz_name or fault is shown as "-".
 //
-// Threads: any thread may call any entry at any time. No entry allocates, and none reports a failure of
-// its own: a record that cannot be written is dropped.
+// Threads: any thread may call any function of this file at any time, unless it says otherwise. No entry
+// allocates or reports that its record could not be written: that is dropped. A failed rotation is told
+// on standard error (451, 456, 457) where the console gate lets it.
 #ifndef QUILLCORE_LOG_H
 #define QUILLCORE_LOG_H
 
@@ -93,8 +94,9 @@ QN_API int32_t qn_log_dump_macaddr_adpater(uint32_t level, uint32_t logid, const
 
 // Instances. A process makes one with its role, the singleton; its records then go to two files in
 // /tmp/quillnet/log/, ROLE_0.log.txt and, for levels G, E and F, ROLE_error_0.log.txt too. Each is moved
-// to ROLE_1.log.txt or ROLE_error_1.log.txt before it reaches the role's limit in bytes. Every record is
-// on disk when the call returns.
+// to ROLE_1.log.txt or ROLE_error_1.log.txt before it reaches the role's limit in bytes; records that
+// several threads write at once can carry it past that by a few. Every record is on disk when the call
+// returns.
 //
 //   role   1      2        3        4        5      6       7        8         9            10
 //   name   qntty  hubd     leafd    admd     relay  arcd    arc_tty  lib_call  nw_lib_call  nil
@@ -102,10 +104,12 @@ QN_API int32_t qn_log_dump_macaddr_adpater(uint32_t level, uint32_t logid, const
 //
 // A child of fork() may log too.
 
-// Makes an instance. Bits 0 to 3 of `config_level` are a level of 0 to 6, which no gate reads; bit 7
-// means that it writes no files. A role outside 1 to 9 becomes 10. `append` not 0 continues the files of
-// an earlier run, 0 empties them; backups stay. The caller ends it with qn_log_free(). Returns null for a
-// level above 6, when memory is short and when a file cannot be opened (printed on standard error).
+// Makes an instance. Its records pass by the permissions that qn_log_new_singleton_instance() has loaded;
+// before that, and after the process's instance has ended, levels G and F alone pass. Bits 0 to 3 of
+// `config_level` are a level of 0 to 6, which no gate reads; bit 7 means that it writes no files. A role
+// outside 1 to 9 becomes 10. `append` not 0 continues the files of an earlier run, 0 empties them;
+// backups stay. The caller ends it with qn_log_free(). Returns null for a level above 6, when memory is
+// short and when a file cannot be opened (printed on standard error).
 QN_API qn_log_t* qn_log_local_new(uint32_t config_level, uint32_t role, uint32_t append);
 
 // Closes the files of an instance and releases it; no other thread may use it by then. Null is ignored.
@@ -117,7 +121,8 @@ QN_API void* qn_log_client_new(void);
 // Makes the process's instance, as qn_log_local_new(), and loads who may log what from
 // /etc/quillnet/quillnet.conf or, if that cannot be read, from default tables. When there is an instance
 // it stays, with its role, and only the permissions are loaded anew. To be called while no other thread
-// logs. Returns 0; -1 if no instance could be made.
+// logs. Returns 0, also when memory for the permissions was short: levels G and F alone pass then. -1 if
+// no instance could be made.
 QN_API int32_t qn_log_new_singleton_instance(uint32_t config_level, uint32_t role, uint32_t append);
 
 // Ends the process's instance: records go to standard error again, ungated. To be called while no other
@@ -125,7 +130,7 @@ QN_API int32_t qn_log_new_singleton_instance(uint32_t config_level, uint32_t rol
 QN_API void qn_log_free_singleton_instance(void);
 
 // Permissions. A record of level E, W, I or D passes if its logid or biz_name is switched on for the
-// role, or if its level is not beyond the role's level and the role's global switch is on.
+// role, or if its level is not beyond the role's level.
 
 #define QN_LOG_PERMIT_LEVEL 1u   // store `level`
 #define QN_LOG_PERMIT_BIZ 2u     // switch `biz_name` as `permit` says
@@ -135,8 +140,12 @@ QN_API void qn_log_free_singleton_instance(void);
 
 // A change of permissions. The texts of the chosen steps are NUL-terminated; the others are not read.
 typedef struct qn_log_permit_config {
-  char role[8];   // a role's name, or "default"
-  char level[8];  // a level's letter, upper case: "G", "E", "W", "I", "D" or "F"
+  // A role's name of at most 7 bytes, so not lib_call or nw_lib_call; or "default", whose level counts
+  // for roles without one of their own. Other steps for "default" return 0 and have no effect.
+  char role[8];
+  // The first letter counts: "G", "E", "W", "I", "D" or "F". Any other is taken and lets none of E to D
+  // pass.
+  char level[8];
   char permit[8]; // "on" or "off"
   int32_t logid;  // switched as a whole: logid 0 stands for every call site without a number
   char biz_name[64];
@@ -148,9 +157,10 @@ typedef struct qn_log_permit_config {
 
 // Changes permissions of the running process; each change holds from the next record on. Steps run in the
 // order of the mask's values, and a failed one does not stop later ones. Any thread may call it.
-// Returns 0; -1 when a step failed (printed on standard error; "config failed." is logged): a switch that
-// is neither "on" nor "off", switching off what was not on, a key that is too long, a text without its
-// terminator, a null `config`, no permissions loaded; or when a reset could not make its maps.
+// Each step prints a line on standard error, whatever the gates; a switch that is neither "on" nor "off"
+// and a key that is too long print one more. Returns 0; -1 when a step failed ("config failed." is
+// logged): such a switch, switching off what was not on, such a key, a text without its terminator, a
+// null `config`, no permissions loaded; or when a reset could not make its maps.
 QN_API int32_t qn_log_set_log_permit_config(const qn_log_permit_config_t* config);
 
 QN_END_DECLS

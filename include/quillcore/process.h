@@ -1,4 +1,7 @@
 // Processes: going to the background, pid files, supervised children.
+//
+// Threads: any thread may call the functions of this file, qn_daemon() before there is a second one. One
+// thread at a time works on a child's record.
 #ifndef QUILLCORE_PROCESS_H
 #define QUILLCORE_PROCESS_H
 
@@ -15,7 +18,8 @@ QN_BEGIN_DECLS
 // Turns the process into a daemon: two forks, a session of its own, SIGHUP and SIGPIPE ignored, "/" as
 // the working directory, umask 0, standard error on /dev/console where that can be opened. Standard input
 // and output and all other descriptors stay. To be called before any thread exists. Returns 0 in the
-// process that survives; the caller's own process leaves with exit(0), also when a fork failed.
+// process that survives; the caller's own process leaves with exit(0), also when a fork failed: what
+// stdio has not written by then is written by both.
 QN_API int32_t qn_daemon(void);
 
 // Takes the pid file /tmp/quillnet/`name` (a name of at most 112 bytes) for this process: 4 bytes, the
@@ -31,7 +35,7 @@ QN_API int32_t qn_proc_check_or_create_pidfile(const char* name);
 QN_API int32_t qn_proc_clean_pidfile(const char* name);
 
 // One supervised child. The caller owns the record and keeps it as long as the child runs; parent and
-// child have a copy each. One thread at a time works on a record.
+// child have a copy each.
 typedef struct qn_child_proc {
   // The child's main routine. `arg` is the address of `name` below; its result becomes the exit status.
   // It watches `read_fd` for the stop word and answers with any word on `write_fd`, or exits.
@@ -46,13 +50,15 @@ typedef struct qn_child_proc {
 // Forks a child that runs `entry` in a session of its own. Only the calling thread goes on in the child,
 // so `entry` must not count on locks that other threads held. Returns 0 in the parent, with pid and
 // descriptors in the record; -1 for a null record or entry, when the pipes could not be made (logged) and
-// when the fork failed (logged, 588), the record being unchanged. The child does not return.
+// when the fork failed (logged, 588), the record being unchanged. The child does not return: it leaves by
+// exit(), with the exit handlers and unwritten stdio buffers that the parent had.
 QN_API int32_t qn_proc_child_start(qn_child_proc_t* child);
 
 // Sends the stop word, waits without limit, past signals too, until the child writes a word or closes its
 // end, closes both descriptors, sends SIGTERM. A heartbeat that nobody has read ends the wait too. The
-// caller reaps the child. SIGPIPE should be ignored: the child may be gone. Returns 0; -1 for a null
-// record.
+// caller reaps the child. SIGPIPE should be ignored: the child may be gone. The record must be of a child
+// that was started and not stopped yet: a zeroed one signals the caller's own process group. Returns 0;
+// -1 for a null record.
 QN_API int32_t qn_proc_child_stop(qn_child_proc_t* child);
 
 // Writes the heartbeat word on the record's `write_fd`. A full pipe costs the beat and never blocks.

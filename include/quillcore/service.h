@@ -63,8 +63,9 @@ typedef struct qn_service_conf {
 // thread's identity goes to `*thread` unless `thread` is null. One thread at a time starts services of a
 // cycle. A second start in a slot takes the slot; the first service goes on, out of reach of a stop.
 // Returns 0 when the thread exists, which says nothing about the socket: a failure to bind or listen is
-// logged later (541, 542, then 580 and 584). -1 when the thread was not created (logged, 605); -2 for a
-// null cycle or configuration and when the pool has no memory. A null `apis` serves nothing.
+// logged later (540 to 542, then 580 and 584), and so is one to make the loop (581, 582). -1 when the
+// thread was not created (logged, 605); -2 for a null cycle or configuration and when the pool has no
+// memory. A null `apis` serves nothing.
 QN_API int32_t qn_service_start_with_thread(qn_cycle_t* cycle, const qn_service_conf_t* conf,
                                             const qn_apis_t* apis, pthread_t* thread);
 
@@ -77,6 +78,7 @@ QN_API int32_t qn_service_stop_with_thread(qn_cycle_t* cycle);
 
 // Makes an error body for a handler's response: `code`, 4 bytes in host byte order, then the formatted
 // text of at most 127 bytes and its NUL. The block and its size go to `*rsp_body` and `*rsp_len`.
+// No argument may be null. Any thread may call it.
 // Returns 0; -1 when the text does not fit (logged, 587); -4 when memory is short (logged, 524). A
 // failed call leaves both as they were.
 QN_API int32_t qn_service_make_error_msg(uint32_t code, void** rsp_body, uint32_t* rsp_len,

@@ -49,7 +49,8 @@ QN_BEGIN_DECLS
 #define QN_KVS_TEXT_MAX 2044  // bytes of a text through qn_kvs_put_fmt()
 
 // A counted text. As a key it is the first `len` bytes of `data`, or less if a NUL comes first; `data`
-// must be NUL-terminated all the same, since records print it.
+// must be NUL-terminated all the same, since records print it. A key of length 0 is taken, and lasts only
+// until the store is closed.
 typedef struct qn_str {
   uint32_t len;
   char* data;
@@ -59,9 +60,11 @@ typedef struct kvstore kvstore_t; // opaque
 
 // Opens the store at `path` (at most 638 bytes), or creates it, mode 0600, with its directories; these
 // are made by "mkdir -p" through the shell, so the path's directory must hold nothing that a shell would
-// read differently. `pool` is borrowed until qn_kvs_close() and must not be reset before it.
-// Returns 0 and the handle in `*store`; -1 on any failure (logged), and `*store` stays as it was. A
-// failed open never changes an existing file. What was taken from the pool stays in the pool.
+// read differently, and one of more than 502 bytes must exist. `pool` is borrowed until qn_kvs_close()
+// and must not be reset before it. An open writes the file once, with damaged entries mended. Returns 0
+// and the handle in `*store`, also when that write failed (517, 518) or a slot or a key could not be
+// indexed (466, 467). -1 on any other failure (logged), and `*store` stays as it was. A failed open never
+// changes an existing file. What was taken from the pool stays in the pool.
 QN_API int32_t qn_kvs_open(kvstore_t** store, qn_pool_t* pool, const char* path);
 
 // Closes a store. Nothing is written: every change is on disk already. Null is ignored.
@@ -70,8 +73,9 @@ QN_API void qn_kvs_close(kvstore_t* store);
 // Reads the value of `key`, which must not be null. The caller owns `*value`, a block of `*value_len`
 // bytes without a terminator, and releases it with qn_free().
 // Returns 0; -1 for a null store or out argument, a key of more than QN_KVS_KEY_MAX bytes, an absent key
-// (511, level D) or a damaged length (512), and then the out arguments stay as they were; -1 with null
-// and 0 in them when memory is short or the stored value has length 0 (514).
+// (511, level D) or a damaged length of more than QN_KVS_VALUE_MAX (512), and then the out arguments stay
+// as they were; -1 with null and 0 in them when memory is short or the stored value has length 0 (514). A
+// damaged length within that, but beyond the value's slot, gives bytes of the slots behind it.
 QN_API int32_t qn_kvs_get(kvstore_t* store, const qn_str_t* key, void** value, uint16_t* value_len);
 
 // Stores a copy of `value` under `key` and writes it to disk. No argument may be null.

@@ -34,9 +34,10 @@ QN_API void qn_utils_dump_hex(const void* bytes, uint32_t length, int32_t capped
 QN_API int32_t qn_str2num(const char* text, int32_t base);
 
 // Runs a command line through /bin/sh and waits for it, without a time limit. The child inherits the
-// environment and every descriptor that is not close-on-exec.
+// environment, blocked and ignored signals, and every descriptor that is not close-on-exec.
 // Returns 0 when the shell ended by itself, whatever its exit status, also that of a command that does
-// not exist; -1 when it was killed, could not be started or waited for, or `cmd` is null.
+// not exist and where there is no shell; -1 when it was killed, could not be forked or waited for, or
+// `cmd` is null.
 QN_API int32_t qn_os_exec_cmd(const char* cmd);
 
 // qn_os_exec_cmd() of a formatted command line of at most 511 bytes.
@@ -52,9 +53,10 @@ QN_API int32_t qn_os_exec_cmd_and_read_output(const char* cmd, char* output, int
 
 // Reads the second field of each line of the file at `path` that matches the awk expression `key`;
 // `separator` is awk's -F. The values of several lines come joined; the value is not trimmed. The three
-// texts go to the shell as they are and must hold nothing that shell or awk would read differently.
-// Returns 0 when at least one byte was read, and with a `size` of 1, which leaves room for none; else -1
-// (logged, 4141 to 4143); -1 too for a null argument or a `size` not above 0.
+// texts go to the shell as they are and must hold nothing that shell or awk would read differently; all
+// of the command line has at most 511 bytes. A % in a value is read as a format by awk. Returns 0 when at
+// least one byte was read, and with a `size` of 1, which leaves room for none; else -1 (logged, 4141 to
+// 4143); -1 too for a null argument or a `size` not above 0.
 QN_API int32_t qn_os_read_value_by_key_from_file(const char* path, const char* key, const char* separator,
                                                  char* value, int32_t size);
 
