@@ -138,8 +138,9 @@ static int lock_beside(const char* file, const char* if_taken) {
   if (fd < 0) return fail("cannot make a lock file beside the store or the socket");
   struct flock whole = {.l_type = F_WRLCK, .l_whence = SEEK_SET};
   if (fcntl(fd, F_SETLK, &whole) == 0) return 0;
+  const int taken = errno == EACCES || errno == EAGAIN;
   close(fd);
-  return fail(if_taken);
+  return fail(taken ? if_taken : "cannot lock the file beside the store or the socket");
 }
 
 // Waits at most five seconds until a client can connect. The start of a service only tells that its
@@ -207,11 +208,11 @@ static int bring_up(const arguments_t* arguments) {
   if (hub_interfaces_init() != 0) return fail("no memory for the interfaces");
   // Forked while there is one thread only.
   if (hub_sampler_start() != 0) return fail("cannot start the child that samples the counters");
-  if (start_service() != 0) return -1;
+  if (start_service() != 0 || wait_until_served() != 0) return -1;
   if (hub.bus_path[0] != '\0' && hub_bus_start(hub.bus_path, &hub.store) != 0) {
     return fail("cannot start the bus client");
   }
-  return wait_until_served();
+  return 0;
 }
 
 // Whether this thread is the only one of the process.
@@ -245,7 +246,7 @@ static int wait_until_alone(void) {
 // Undoes what has been reached, also when bringing up has failed half-way.
 static void shut_down(void) {
   if (hub.serves) qn_service_stop_with_thread(hub.cycle);
-  const int alone = wait_until_alone();
+  const int alone = !hub.serves || wait_until_alone();
   if (hub.keeps) hub_store_close(&hub.store); // waits for a handler that runs; later ones are refused
   hub_sampler_stop();
   if (hub.serves) unlink(hub.socket_path); // the service leaves its socket file behind

@@ -29,6 +29,7 @@
 #define PERIOD_MS 1000
 #define SILENCE_MS_MAX 10000 // of a heart that beats every second
 #define STOP_MS_MAX 2000
+#define WORDS_MAX 100000 // taken out of the pipe at once, which holds 16,384
 
 typedef struct sample {
   char name[HUB_INTF_NAME_SIZE];
@@ -125,7 +126,10 @@ static int32_t run_child(void* arg) {
   // The record begins one field ahead of `name`, whose address comes here.
   qn_child_proc_t* self = (qn_child_proc_t*)((char*)arg - offsetof(qn_child_proc_t, name));
 
-  // A child inherits the signals that its parent has blocked for the sake of its own threads.
+  // A child inherits the signals that its parent has blocked for the sake of its own threads, and the
+  // handlers of a bus loop that runs there.
+  signal(SIGTERM, SIG_DFL);
+  signal(SIGINT, SIG_DFL);
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, NULL);
@@ -178,14 +182,14 @@ static void reap(uint8_t ended_by) {
 }
 
 // Takes the heartbeats out of the pipe, waiting at most `timeout_ms` for the next thing to come. Returns
-// 0 when nothing more came in that time, 1 when the child has closed its end.
+// 0 when nothing more came in that time, or when the child never stops talking; 1 when it has closed its
+// end.
 static int listen_to_heart(int timeout_ms) {
   const int64_t until = qn_time_timestamp() + timeout_ms;
   struct pollfd pipe = {.fd = sampler.child.read_fd, .events = POLLIN};
-  for (;;) {
+  for (int words = 0; words < WORDS_MAX; words++) {
     const int64_t left = until - qn_time_timestamp();
-    if (left < 0) return 0; // also when it never stops talking
-    const int ready = poll(&pipe, 1, (int)left);
+    const int ready = poll(&pipe, 1, left > 0 ? (int)left : 0);
     if (ready < 0 && errno == EINTR) continue;
     if (ready <= 0) return 0;
 
@@ -195,6 +199,7 @@ static int listen_to_heart(int timeout_ms) {
     sampler.state.beats++;
     sampler.heard_ms = qn_time_timestamp();
   }
+  return 0;
 }
 
 // qn_proc_child_stop() waits for an answer without a limit, so it comes last, when the child's end of the

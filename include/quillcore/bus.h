@@ -9,6 +9,7 @@
 //     as it begins (a real libubox forgets it). Where the thread ends before its loop, they are put back
 //     and one that came until then is lost. SIGPIPE is ignored from the start on, unless it has a
 //     handler.
+//     A child that is forked meanwhile inherits the handlers of the loop: its first steps put them back.
 //   - SIGCHLD is left alone: the loop takes no child's status away from whoever waits for it.
 //   - A first connection is not tried again: the thread ends, and only the log tells (621). A connection
 //     that was lost is repaired without limit, at once and then every two seconds, and the subscription

@@ -21,6 +21,9 @@
 //   fmt, ...  the text, as for printf; a line feed of its own is kept beside the one of `newline`
 // A null module, biz_name or fault is shown as "-".
 //
+// Standard error is written by its descriptor: a program that gives the stream a buffer, or another file,
+// does not see its own output and the records in order.
+//
 // Threads: any thread may call any function of this file at any time, unless it says otherwise. No entry
 // allocates or reports that its record could not be written: that is dropped. A failed rotation is told
 // on standard error (451, 456, 457) where the console gate lets it.

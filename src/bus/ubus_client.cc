@@ -252,8 +252,9 @@ void* qn_ubus_loop(void* arg) {
   // The loop would take the status of children that other threads wait for.
   uloop_handle_sigchld = false;
   uloop_init();
+  const bool connected = connect_bus(static_cast<const char*>(arg)); // which may make the loop, too
   signals.remember_taken();
-  if (!connect_bus(static_cast<const char*>(arg)) || !join_bus()) {
+  if (!connected || !join_bus()) {
     signals.put_back();
     return nullptr;
   }

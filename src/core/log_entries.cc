@@ -46,24 +46,24 @@ __attribute__((format(printf, 2, 0))) void print_record(const LogRecord& record,
   write_record(nullptr, record, fmt, args);
 }
 
-} // namespace
-
-qn_log_t* qn_log_singleton_get() { return g_singleton.load(std::memory_order_acquire); }
-
-void log_singleton_set(qn_log_t* log) { g_singleton.store(log, std::memory_order_release); }
-
 // Not through stdio: a child of a fork beside a thread that writes would find the stream locked for ever
 // with musl. A stream without a buffer is in order with this either way.
 int32_t write_to_stderr(const char* line) {
   for (size_t left = strnlen(line, kLogLineSize); left > 0;) {
     const ssize_t written = write(STDERR_FILENO, line, left);
     if (written < 0 && errno == EINTR) continue;
-    if (written < 0) return EOF;
+    if (written <= 0) return EOF;
     line += written;
     left -= static_cast<size_t>(written);
   }
   return 1;
 }
+
+} // namespace
+
+qn_log_t* qn_log_singleton_get() { return g_singleton.load(std::memory_order_acquire); }
+
+void log_singleton_set(qn_log_t* log) { g_singleton.store(log, std::memory_order_release); }
 
 int32_t qn_log_write_line(qn_log_t* log, uint32_t level, const char* line) {
   if (log == nullptr) return write_to_stderr(line);

@@ -82,6 +82,7 @@ struct SingleFilter {
   std::atomic<uint64_t> biz_names{0};
 };
 extern SingleFilter g_single_filters[kRoleCount];
+static_assert(std::atomic<uint64_t>::is_always_lock_free, "or it takes a library at run time");
 
 void log_gate_set_filter(uint32_t role, const SingleBits& bits);
 

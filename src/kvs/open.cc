@@ -214,13 +214,21 @@ int32_t create_and_load(kvstore_t& store) {
   return 0;
 }
 
+int open_existing(const char* dbfile) {
+  return move_above_standard_streams(open(dbfile, O_RDWR | O_CLOEXEC));
+}
+
 // The file is asked after only where it cannot be opened: the question alone makes the next change of its
 // time stamps one that a file system must write down.
 int32_t open_and_load(kvstore_t& store) {
-  UniqueFd fd(move_above_standard_streams(open(store.dbfile, O_RDWR | O_CLOEXEC)));
+  UniqueFd fd(open_existing(store.dbfile));
+  int error = errno;
+  if (!fd.valid() && is_absent(store.dbfile)) return create_and_load(store);
+  if (!fd.valid() && error == ENOENT) {
+    fd.reset(open_existing(store.dbfile)); // it has come into being since
+    error = errno;
+  }
   if (!fd.valid()) {
-    const int error = errno;
-    if (is_absent(store.dbfile)) return create_and_load(store);
     QN_LOG(kOpenFailed, store.dbfile, error, ErrorText(error).text());
     return -1;
   }

@@ -281,7 +281,7 @@ int request(ubus_context& ctx, MessageBuilder& message, uint32_t peer, uint32_t*
 
   const int64_t deadline_ms = now_ms() + kWaitMs;
   int status = -1;
-  bool late = false; // also where events come without end
+  bool late = false; // also where messages for others come without end
   connection.waiting = true;
   while (status < 0) {
     MessagePtr answer = late ? nullptr : wait_message(ctx, deadline_ms);
@@ -291,14 +291,15 @@ int request(ubus_context& ctx, MessageBuilder& message, uint32_t peer, uint32_t*
       connection.lost = true;
     } else if (answer->head.type == kInvoke) {
       keep_event(connection, std::move(answer));
-      late = now_ms() >= deadline_ms;
     } else if (answer->head.seq == seq && answer->head.peer == peer) {
       const MessageBody body = parse_body(answer->body, answer->head.body_len);
       if (answer->head.type == kData && body.has_objid && objid != nullptr) *objid = body.objid;
-      if (answer->head.type != kStatus) continue;
-      status = body.has_status ? static_cast<int>(body.status) : UBUS_STATUS_INVALID_ARGUMENT;
-      if (status < 0) status = UBUS_STATUS_UNKNOWN_ERROR;
+      if (answer->head.type == kStatus) {
+        status = body.has_status ? static_cast<int>(body.status) : UBUS_STATUS_INVALID_ARGUMENT;
+        if (status < 0) status = UBUS_STATUS_UNKNOWN_ERROR;
+      }
     }
+    late = now_ms() >= deadline_ms;
   }
   connection.waiting = false;
   return status;

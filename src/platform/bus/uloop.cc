@@ -55,6 +55,12 @@ void on_end_signal(int signal_number) {
   errno = kept;
 }
 
+bool is_taken(int signal_number) {
+  struct sigaction current = {};
+  sigaction(signal_number, nullptr, &current);
+  return current.sa_handler == on_end_signal;
+}
+
 // A disposition that the program has set itself is left alone.
 void take_signals() {
   for (int i = 0; i < kSignalCount; i++) {
@@ -154,8 +160,13 @@ bool wait_once(int limit_ms) {
 
 } // namespace
 
+// A loop that is still open from an earlier life may have had its signals taken away since.
 int uloop_init() {
-  if (g_epoll >= 0) return 0;
+  if (g_epoll >= 0) {
+    if (!is_taken(SIGINT) && !is_taken(SIGTERM)) g_signal.store(0, std::memory_order_relaxed);
+    take_signals();
+    return 0;
+  }
   g_epoll = epoll_create1(EPOLL_CLOEXEC);
   epoll_event event = {};
   event.events = EPOLLIN;
