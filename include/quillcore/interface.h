@@ -41,7 +41,8 @@ QN_API uint32_t QnIntfIsExist(const char* intf_name);
 // Asks sysfs where QnIntfIsExist() asks the kernel by ioctl(): the interface has a `carrier` file.
 QN_API uint32_t qn_cheack_intf_is_exist(const char* intf_name);
 QN_API uint32_t QnBridgeIsExist(const char* bridge_name);
-// Whether the interface is a port of this bridge. A name of "", "." or ".." says nothing.
+// Whether the interface is a port of this bridge. A name of "", "." or ".." is no interface's, and
+// the answer is 1 then wherever there is such a bridge.
 QN_API uint32_t QnIntfIsOnBridge(const char* bridge_name, const char* intf_name);
 // Whether the interface is administratively up.
 QN_API uint32_t QnIntfIsUp(const char* intf_name);

@@ -206,6 +206,7 @@ void qn_ubus_connection_lost(ubus_context*) {
 // --- the thread ---
 
 void free_context() {
+  uloop_timeout_cancel(&reconnect_timer); // an attempt may be due
   ubus_free(ubus_ctx);
   ubus_ctx = nullptr;
 }

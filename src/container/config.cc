@@ -77,11 +77,6 @@ bool copy_trimmed(char (&field)[size], const char* start, size_t length) {
   return true;
 }
 
-char* skip_white_space(char* text) {
-  while (qn::is_white_space(*text)) text++;
-  return text;
-}
-
 // Parses one entry at `start`, where no white space is, into the empty node. Returns where the next one
 // begins; null when this was the last: the text has ended, or the entry breaks a limit and nothing behind
 // it can be trusted.
@@ -90,11 +85,11 @@ char* parse_entry(char* start, qn_map_node_t& node) {
   if (equals == nullptr) return nullptr;
   if (!copy_trimmed(node.key, start, static_cast<size_t>(equals - start))) return nullptr;
 
-  char* const value = skip_white_space(equals + 1);
+  char* const value = qn::skip_white_space(equals + 1);
   char* const line_feed = strchr(value, '\n');
   const size_t length = line_feed != nullptr ? static_cast<size_t>(line_feed - value) : strlen(value);
   if (!copy_trimmed(node.value, value, length)) return nullptr;
-  return line_feed != nullptr ? skip_white_space(line_feed) : nullptr;
+  return line_feed != nullptr ? qn::skip_white_space(line_feed) : nullptr;
 }
 
 } // namespace

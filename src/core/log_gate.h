@@ -96,7 +96,7 @@ bool log_gate_single_permits(uint32_t role, uint32_t logid, const char* biz_name
 // Whether a record of this level can pass at all: if not, nothing of it needs to be made.
 inline bool log_may_pass(uint32_t level) { return (log_gate_current() & gate_bit(level)) != 0; }
 
-// Whether the word says that it is switches that decide on a record that it lets pass.
+// Whether, of a record that the word lets pass, the switches of single call sites decide.
 inline bool log_gate_asks_switches(uint32_t word, uint32_t bit) {
   return (word & kGateSingles) != 0 && (bit & kGateLevels) != 0 &&
          (word & (bit << kGateStrictShift)) == 0;

@@ -42,8 +42,8 @@ KeyWords words_of(const char* text, size_t length) {
   if (rest == 0) return key;
   uint64_t last = 0;
   if (whole > 0) {
-    last =
-        load_ordered(text + length - kWordSize); // with the end of the word before, which is shifted out
+    // With the end of the word before in front, which is shifted out.
+    last = load_ordered(text + length - kWordSize);
   } else {
     for (size_t i = 0; i < rest; i++) last = last << 8 | static_cast<uint8_t>(text[i]);
   }

@@ -7,11 +7,7 @@
 
 using qn::is_white_space;
 
-char* qn_utils_ltrim(char* text) {
-  if (text == nullptr) return nullptr;
-  while (is_white_space(*text)) text++;
-  return text;
-}
+char* qn_utils_ltrim(char* text) { return text != nullptr ? qn::skip_white_space(text) : nullptr; }
 
 char* qn_utils_rtrim(char* text) {
   if (text == nullptr) return nullptr;

@@ -6,6 +6,12 @@ namespace qn {
 
 constexpr bool is_white_space(char byte) { return byte == ' ' || (byte >= '\t' && byte <= '\r'); }
 
+// The first byte that is none, which may be the terminator.
+inline char* skip_white_space(char* text) {
+  while (is_white_space(*text)) text++;
+  return text;
+}
+
 } // namespace qn
 
 #endif // QN_UTILS_WHITE_SPACE_H
