@@ -212,15 +212,9 @@ void free_context() {
 }
 
 bool connect_bus(const char* path) {
-  if (strcpy_s(ubus_path, sizeof(ubus_path), path) != 0) {
-    QN_LOG(kPathTooLong, path);
-    return false;
-  }
+  if (strcpy_s(ubus_path, sizeof(ubus_path), path) != 0) return QN_FAIL(false, kPathTooLong, path);
   ubus_ctx = ubus_connect(ubus_path);
-  if (ubus_ctx == nullptr) {
-    QN_LOG(kConnectFailed);
-    return false;
-  }
+  if (ubus_ctx == nullptr) return QN_FAIL(false, kConnectFailed);
   QN_LOG(kConnected);
   ubus_ctx->connection_lost = qn_ubus_connection_lost;
   if (uloop_fd_add(&ubus_ctx->sock, kSocketFlags) == 0) return true;
@@ -275,10 +269,7 @@ int32_t qn_ubus_init(void) {
 }
 
 int32_t qn_ubus_add_handler(uint32_t type, qn_ubus_biz_handler_t handler) {
-  if (handler_counter >= HANDLER_SIZE) {
-    QN_LOG(kHandlersFull, handler_counter, HANDLER_SIZE);
-    return -1;
-  }
+  if (handler_counter >= HANDLER_SIZE) return QN_FAIL(-1, kHandlersFull, handler_counter, HANDLER_SIZE);
   for (uint32_t i = 0; i < handler_counter; i++) {
     if (handlers[i].type != type) continue;
     handlers[i].handler = handler;
@@ -292,19 +283,13 @@ int32_t qn_ubus_add_handler(uint32_t type, qn_ubus_biz_handler_t handler) {
 }
 
 int32_t qn_ubus_add_event_handler(const char* event_name, qn_ubus_event_handler_t handler) {
-  if (event_name == nullptr || handler == nullptr) {
-    QN_LOG(kEventParam, event_name != nullptr ? event_name : "NULL");
-    return -1;
-  }
-  if (register_event_counter != 0) {
-    QN_LOG(kEventsFull, register_event_counter, REGISTER_EVENT_SIZE);
-    return -1;
-  }
+  if (event_name == nullptr || handler == nullptr)
+    return QN_FAIL(-1, kEventParam, event_name != nullptr ? event_name : "NULL");
+  if (register_event_counter != 0)
+    return QN_FAIL(-1, kEventsFull, register_event_counter, REGISTER_EVENT_SIZE);
   RegisterEventRow& row = register_events[0];
-  if (strcpy_s(row.event_name, sizeof(row.event_name), event_name) != 0) {
-    QN_LOG(kEventNameTooLong, event_name);
-    return -1;
-  }
+  if (strcpy_s(row.event_name, sizeof(row.event_name), event_name) != 0)
+    return QN_FAIL(-1, kEventNameTooLong, event_name);
   register_event_counter++;
   row.handler = handler;
   QN_LOG(kEventAdded, row.event_name, register_event_counter);
@@ -312,16 +297,11 @@ int32_t qn_ubus_add_event_handler(const char* event_name, qn_ubus_event_handler_
 }
 
 int32_t qn_ubus_start(const char* path) {
-  if (path == nullptr) {
-    QN_LOG(kNoPath);
-    return -1;
-  }
+  if (path == nullptr) return QN_FAIL(-1, kNoPath);
   QN_LOG(kStartEnter, kStart, kCaller);
   pthread_t thread;
-  if (pthread_create(&thread, nullptr, qn_ubus_loop, const_cast<char*>(path)) != 0) {
-    QN_LOG(kThreadFailed);
-    return -1;
-  }
+  if (pthread_create(&thread, nullptr, qn_ubus_loop, const_cast<char*>(path)) != 0)
+    return QN_FAIL(-1, kThreadFailed);
   pthread_detach(thread);
   QN_LOG(kStartLeave, kStart, kCaller);
   return 0;

@@ -52,17 +52,9 @@ ssize_t read_all(int fd, char* text, size_t size) {
 // Fills the buffer with the front of the file and terminates it.
 bool qn_conf_read_from_file(const char* path, char (&text)[kTextSize]) {
   qn::UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
-  if (!fd.valid()) {
-    const int error = errno;
-    QN_PRINTLN(kOpenFailed, path, error, ErrorText(error).text());
-    return false;
-  }
+  if (!fd.valid()) return QN_FAIL_PRINTLN(false, kOpenFailed, path, QN_ERRNO);
   const ssize_t length = read_all(fd.get(), text, kTextSize - 1);
-  if (length < 0) {
-    const int error = errno;
-    QN_PRINTLN(kReadFailed, path, error, ErrorText(error).text());
-    return false;
-  }
+  if (length < 0) return QN_FAIL_PRINTLN(false, kReadFailed, path, QN_ERRNO);
   text[length] = '\0';
   return close(fd.release()) == 0;
 }

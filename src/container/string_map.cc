@@ -54,10 +54,7 @@ bool update(qn_map_t& map, const char* key, const char* value, int32_t* result) 
 
 qn_map_t* qn_map_new() {
   qn_map_t* const map = qn::make_heap<qn_map_t>().release();
-  if (map == nullptr) {
-    QN_LOG(kMapFailed);
-    return nullptr;
-  }
+  if (map == nullptr) return QN_FAIL(nullptr, kMapFailed);
   pthread_mutex_init(&map->lock, nullptr);
   return map;
 }

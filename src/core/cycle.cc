@@ -25,10 +25,7 @@ static_assert(sizeof(qn_cycle_t) == (3 + 74 + 10) * sizeof(uintptr_t));
 
 qn_cycle_t* qn_cycle_new(void) {
   qn_pool_t* const pool = qn_pool_create(kBlockSize);
-  if (pool == nullptr) {
-    QN_CONSOLE(kPoolFailed);
-    return nullptr;
-  }
+  if (pool == nullptr) return QN_FAIL_CONSOLE(nullptr, kPoolFailed);
   QN_CONSOLE(kPoolMade);
 
   qn_cycle_t* const cycle = qn::pcalloc_object<qn_cycle_t>(pool);

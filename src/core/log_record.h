@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "core/log_gate.h"
+#include "platform/error_text.h"
 
 namespace qn {
 
@@ -30,13 +31,13 @@ constexpr uint32_t level_and_logid(uint32_t level, uint32_t logid) {
   return level | logid << kLogidShift;
 }
 
-// Macros, because the compiler checks arguments against a text only where it sees both.
-#define QN_LOG(message, ...)                                                                \
-  do {                                                                                      \
-    if (qn::log_may_pass((message).level))                                                  \
-      qn::log_site(qn::level_and_logid((message).level, (message).logid), (message).module, \
-                   (message).biz_name, (message).text __VA_OPT__(, ) __VA_ARGS__);          \
-  } while (0)
+// Macros, because the compiler checks arguments against a text only where it sees both. Each is an
+// expression.
+#define QN_LOG(message, ...)                                                                   \
+  (qn::log_may_pass((message).level)                                                           \
+       ? qn::log_site(qn::level_and_logid((message).level, (message).logid), (message).module, \
+                      (message).biz_name, (message).text __VA_OPT__(, ) __VA_ARGS__)           \
+       : void())
 
 #define QN_CONSOLE(message, ...)                                                                 \
   qn_log_console_impl((message).level, (message).logid, (message).module, 1, (message).biz_name, \
@@ -45,6 +46,14 @@ constexpr uint32_t level_and_logid(uint32_t level, uint32_t logid) {
 #define QN_PRINTLN(message, ...)                                                         \
   qn_log_println((message).level, (message).logid, (message).module, (message).biz_name, \
                  (message).text __VA_OPT__(, ) __VA_ARGS__)
+
+// For guard clauses, a record and a result in one: return QN_FAIL(-1, kMessage, ...);
+#define QN_FAIL(result, message, ...) (QN_LOG(message __VA_OPT__(, ) __VA_ARGS__), (result))
+#define QN_FAIL_CONSOLE(result, message, ...) (QN_CONSOLE(message __VA_OPT__(, ) __VA_ARGS__), (result))
+#define QN_FAIL_PRINTLN(result, message, ...) (QN_PRINTLN(message __VA_OPT__(, ) __VA_ARGS__), (result))
+
+// The two arguments of "errno=(%d,%s)". Neither making the text nor asking the gate changes errno.
+#define QN_ERRNO errno, qn::ErrorText(errno).text()
 
 // The pair of trace records at the entry and exit of an operation.
 struct Trace {

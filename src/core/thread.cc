@@ -43,10 +43,8 @@ class StackAttributes {
 
 int32_t qn_pthread_new(pthread_t* thread, void* (*start_routine)(void*), void* arg) {
   const StackAttributes attributes;
-  if (pthread_create(thread, attributes.get(), start_routine, arg) != 0) {
-    QN_LOG(kCreateFailed);
-    return -1;
-  }
+  if (pthread_create(thread, attributes.get(), start_routine, arg) != 0)
+    return QN_FAIL(-1, kCreateFailed);
   return 0;
 }
 

@@ -78,11 +78,7 @@ void mend_busy_entry(kvs_key_entry_t& entry, const kvs_value_type_t& type, uint3
 
 kvs_node_t* make_node(kvstore_t& store, const kvs_value_type_t& type, uint32_t key_index) {
   kvs_node_t* const node = pcalloc_object<kvs_node_t>(store.pool);
-  if (node == nullptr) {
-    const int error = errno;
-    QN_LOG(kNodeFailed, error, ErrorText(error).text());
-    return nullptr;
-  }
+  if (node == nullptr) return QN_FAIL(nullptr, kNodeFailed, QN_ERRNO);
   node->value_type = type.value_type;
   node->key_index = static_cast<uint16_t>(key_index);
   node->value_index = static_cast<uint16_t>(key_index - type.first_key_index);

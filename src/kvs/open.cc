@@ -88,11 +88,7 @@ using StorePtr = std::unique_ptr<kvstore_t, StoreClose>;
 // A path that does not fit leaves `dbfile` empty, and no file can be made under that name.
 StorePtr make_store(qn_pool_t* pool, const char* path) {
   kvstore_t* const store = static_cast<kvstore_t*>(qn_alloc(sizeof(kvstore_t)));
-  if (store == nullptr) {
-    const int error = errno;
-    QN_LOG(kHandleFailed, path, error, ErrorText(error).text());
-    return nullptr;
-  }
+  if (store == nullptr) return QN_FAIL(nullptr, kHandleFailed, path, QN_ERRNO);
   QN_LOG(kHandleMade, path);
   store->pool = pool;
   store->fd = -1;
@@ -113,10 +109,7 @@ bool is_absent(const char* dbfile) {
 // Makes the directories of a file. dirname() may change its argument.
 int32_t make_directories(const char* dbfile) {
   char path[sizeof(kvstore_t::dbfile)] = "";
-  if (strcpy_s(path, sizeof(path), dbfile) != 0) {
-    QN_LOG(kPathCopyFailed);
-    return -1;
-  }
+  if (strcpy_s(path, sizeof(path), dbfile) != 0) return QN_FAIL(-1, kPathCopyFailed);
   // NOLINTNEXTLINE(concurrency-mt-unsafe): works on the copy above
   if (const char* const directory = dirname(path)) qn_os_exec_vcmd("mkdir -p %s", directory);
   return 0;
@@ -127,21 +120,10 @@ int32_t qn_kvs_create_and_open_dbfile(const char* dbfile, UniqueFd* out) {
   trace_enter(kTraceCreate);
   if (make_directories(dbfile) != 0) return -1;
   UniqueFd fd(move_above_standard_streams(open(dbfile, O_RDWR | O_CREAT | O_CLOEXEC, kFileMode)));
-  if (!fd.valid()) {
-    const int error = errno;
-    QN_LOG(kCreateFailed, dbfile, error, ErrorText(error).text());
-    return -1;
-  }
-  if (ftruncate(fd.get(), 0) != 0) {
-    const int error = errno;
-    QN_LOG(kClearFailed, dbfile, error, ErrorText(error).text(), 0);
-    return -1;
-  }
-  if (ftruncate(fd.get(), kDbSize) != 0) {
-    const int error = errno;
-    QN_LOG(kExtendFailed, dbfile, error, ErrorText(error).text(), static_cast<int>(kDbSize));
-    return -1;
-  }
+  if (!fd.valid()) return QN_FAIL(-1, kCreateFailed, dbfile, QN_ERRNO);
+  if (ftruncate(fd.get(), 0) != 0) return QN_FAIL(-1, kClearFailed, dbfile, QN_ERRNO, 0);
+  if (ftruncate(fd.get(), kDbSize) != 0)
+    return QN_FAIL(-1, kExtendFailed, dbfile, QN_ERRNO, static_cast<int>(kDbSize));
   out->reset(fd.release());
   trace_leave(kTraceCreate);
   return 0;
@@ -151,20 +133,11 @@ int32_t qn_kvs_create_and_open_dbfile(const char* dbfile, UniqueFd* out) {
 int32_t check_header(const char* dbfile, const UniqueFd& fd) {
   char header[kHeaderSize];
   kvs_seek_start(fd.get());
-  if (read(fd.get(), header, sizeof(header)) != static_cast<ssize_t>(sizeof(header))) {
-    const int error = errno;
-    QN_LOG(kHeaderFailed, dbfile, error, ErrorText(error).text());
-    return -1;
-  }
-  if (memcmp(header, kMagic, kMagicSize) != 0) {
-    QN_LOG(kMagicFailed, dbfile);
-    return -1;
-  }
+  if (read(fd.get(), header, sizeof(header)) != static_cast<ssize_t>(sizeof(header)))
+    return QN_FAIL(-1, kHeaderFailed, dbfile, QN_ERRNO);
+  if (memcmp(header, kMagic, kMagicSize) != 0) return QN_FAIL(-1, kMagicFailed, dbfile);
   const uint8_t version = static_cast<uint8_t>(header[kMagicSize]);
-  if (version != kVersion) {
-    QN_LOG(kVersionFailed, kVersion, version, dbfile);
-    return -1;
-  }
+  if (version != kVersion) return QN_FAIL(-1, kVersionFailed, kVersion, version, dbfile);
   return 0;
 }
 
@@ -183,23 +156,14 @@ uint32_t read_image(int32_t fd, uint8_t* image) {
 int32_t qn_kvs_safe_load_dbfile(kvstore_t& store, UniqueFd& fd) {
   store.fd = fd.release();
   store.db_addr = static_cast<uint8_t*>(alloc_unfilled(kDbSize));
-  if (store.db_addr == nullptr) {
-    const int error = errno;
-    QN_LOG(kImageFailed, store.dbfile, error, ErrorText(error).text(), static_cast<int>(kDbSize));
-    return -1;
-  }
-  if (kvs_seek_start(store.fd) != 0) {
-    const int error = errno;
-    QN_LOG(kLoadSeekFailed, store.dbfile, error, ErrorText(error).text());
-    return -1;
-  }
+  if (store.db_addr == nullptr)
+    return QN_FAIL(-1, kImageFailed, store.dbfile, QN_ERRNO, static_cast<int>(kDbSize));
+  if (kvs_seek_start(store.fd) != 0) return QN_FAIL(-1, kLoadSeekFailed, store.dbfile, QN_ERRNO);
   const uint32_t total = read_image(store.fd, store.db_addr);
   const int error = errno;
   kvs_seek_start(store.fd);
-  if (total != kDbSize) {
-    QN_LOG(kLoadFailed, store.dbfile, total, kDbSize, error, ErrorText(error).text());
-    return -1;
-  }
+  if (total != kDbSize)
+    return QN_FAIL(-1, kLoadFailed, store.dbfile, total, kDbSize, error, ErrorText(error).text());
   QN_LOG(kLoaded, store.dbfile, kDbSize);
   return 0;
 }
@@ -228,29 +192,20 @@ int32_t open_and_load(kvstore_t& store) {
     fd.reset(open_existing(store.dbfile)); // it has come into being since
     error = errno;
   }
-  if (!fd.valid()) {
-    QN_LOG(kOpenFailed, store.dbfile, error, ErrorText(error).text());
-    return -1;
-  }
+  if (!fd.valid()) return QN_FAIL(-1, kOpenFailed, store.dbfile, error, ErrorText(error).text());
   if (check_header(store.dbfile, fd) != 0) return -1;
   return qn_kvs_safe_load_dbfile(store, fd);
 }
 
 int32_t make_lists(kvstore_t& store) {
   store.lists = pcalloc_objects<kvs_list_t>(store.pool, kListCount);
-  if (store.lists == nullptr) {
-    QN_LOG(kListsFailed, store.dbfile);
-    return -1;
-  }
+  if (store.lists == nullptr) return QN_FAIL(-1, kListsFailed, store.dbfile);
   for (uint32_t i = 0; i < kListCount; i++) {
     pthread_spin_init(&store.lists[i].lock, PTHREAD_PROCESS_PRIVATE);
     list_init(store.lists[i].head);
   }
   store.rwlocks = pcalloc_objects<pthread_rwlock_t>(store.pool, kValueTypeCount);
-  if (store.rwlocks == nullptr) {
-    QN_LOG(kRwlocksFailed, store.dbfile);
-    return -1;
-  }
+  if (store.rwlocks == nullptr) return QN_FAIL(-1, kRwlocksFailed, store.dbfile);
   for (uint32_t i = 0; i < kValueTypeCount; i++) pthread_rwlock_init(&store.rwlocks[i], nullptr);
   return 0;
 }
@@ -259,10 +214,8 @@ int32_t make_lists(kvstore_t& store) {
 } // namespace qn
 
 int32_t qn_kvs_open(kvstore_t** store, qn_pool_t* pool, const char* path) {
-  if (store == nullptr || pool == nullptr || path == nullptr) {
-    QN_CONSOLE(qn::kInvalidParam);
-    return -1;
-  }
+  if (store == nullptr || pool == nullptr || path == nullptr)
+    return QN_FAIL_CONSOLE(-1, qn::kInvalidParam);
   qn::StorePtr opened = qn::make_store(pool, path);
   if (!opened) return -1;
   if (qn::open_and_load(*opened) != 0) return -1;

@@ -173,10 +173,7 @@ enum class Index { kEnter, kLeaveToCaller };
 kvs_key_entry_t* kvs_put_new(kvstore_t& store, const qn_str_t& key, const kvs_value_type_t& type,
                              const Value& value, Index index) {
   kvs_node_t* const node = take_free_node(store, type.value_type);
-  if (node == nullptr) {
-    QN_LOG(kPutNoNode, value.len, type.value_type, store.dbfile);
-    return nullptr;
-  }
+  if (node == nullptr) return QN_FAIL(nullptr, kPutNoNode, value.len, type.value_type, store.dbfile);
   QN_LOG(kNodeFound, key.data, node->key_index, node->value_index, value.len, type.value_type);
   append_node(store.lists[kBusyList], *node);
 
@@ -220,10 +217,7 @@ int32_t update_in_place(kvstore_t& store, const kvs_key_entry_t& entry, const Va
     write_value_len(slot, value.len);
     copied = memcpy_s(slot + kValueLenSize, type.value_size_max(), value.bytes, value.len);
   }
-  if (copied != 0) {
-    QN_LOG(kInPlaceCopyFailed, entry.text, entry.value_type, value.len);
-    return -1;
-  }
+  if (copied != 0) return QN_FAIL(-1, kInPlaceCopyFailed, entry.text, entry.value_type, value.len);
   QN_LOG(kUpdated, entry.text, entry.value_type, value.len);
   kvs_commit(store);
   return 0;
@@ -262,37 +256,19 @@ int32_t put_locked(kvstore_t& store, const qn_str_t& key, const kvs_value_type_t
 
 int32_t qn_kvs_get(kvstore_t* store, const qn_str_t* key, void** value, uint16_t* value_len) {
   using namespace qn;
-  if (store == nullptr) {
-    QN_CONSOLE(kGetNoStore);
-    return -1;
-  }
+  if (store == nullptr) return QN_FAIL_CONSOLE(-1, kGetNoStore);
   trace_enter(kTraceGet);
-  if (value == nullptr) {
-    QN_LOG(kGetNoValuePtr, key->data);
-    return -1;
-  }
+  if (value == nullptr) return QN_FAIL(-1, kGetNoValuePtr, key->data);
   QN_LOG(kGetKey, key->data);
-  if (value_len == nullptr) {
-    QN_LOG(kGetNoLenPtr, key->data);
-    return -1;
-  }
-  if (!key_fits(*key)) {
-    QN_LOG(kGetKeyTooLong, key->data, QN_KVS_KEY_MAX);
-    return -1;
-  }
+  if (value_len == nullptr) return QN_FAIL(-1, kGetNoLenPtr, key->data);
+  if (!key_fits(*key)) return QN_FAIL(-1, kGetKeyTooLong, key->data, QN_KVS_KEY_MAX);
 
   const MutexGuard guard(store->mutex);
   const kvs_key_entry_t* const entry = find_entry(*store, *key);
-  if (entry == nullptr) {
-    QN_LOG(kGetNotFound, key->data);
-    return -1;
-  }
+  if (entry == nullptr) return QN_FAIL(-1, kGetNotFound, key->data);
   const uint8_t* const slot = slot_of(*store, *entry);
   const uint16_t length = read_value_len(slot);
-  if (length > QN_KVS_VALUE_MAX) {
-    QN_LOG(kGetTooLong, key->data, length, kPrintedMax);
-    return -1;
-  }
+  if (length > QN_KVS_VALUE_MAX) return QN_FAIL(-1, kGetTooLong, key->data, length, kPrintedMax);
   QN_LOG(kGetFound, key->data, entry->value_type, entry->value_index(), length);
   *value = memalign_unfilled(kAlignment, length);
   if (*value == nullptr) {
@@ -309,17 +285,12 @@ int32_t qn_kvs_get(kvstore_t* store, const qn_str_t* key, void** value, uint16_t
 int32_t qn_kvs_put(kvstore_t* store, const qn_str_t* key, const void* value, uint16_t value_len) {
   using namespace qn;
   trace_enter(kTracePut);
-  if (value_len > QN_KVS_VALUE_MAX) {
-    QN_LOG(kPutTooLong, value_len, kPrintedMax, store->dbfile);
-    return -1;
-  }
+  if (value_len > QN_KVS_VALUE_MAX)
+    return QN_FAIL(-1, kPutTooLong, value_len, kPrintedMax, store->dbfile);
   QN_LOG(kPutKey, key->data);
   qn_utils_dump_hex(value, value_len, 1);
   const kvs_value_type_t* const type = value_type_for_length(value_len);
-  if (type == nullptr) {
-    QN_LOG(kPutNoType, value_len);
-    return -1;
-  }
+  if (type == nullptr) return QN_FAIL(-1, kPutNoType, value_len);
   int32_t result = -1;
   if (key_fits(*key)) {
     result = put_locked(*store, *key, *type, {value, value_len});
@@ -332,58 +303,31 @@ int32_t qn_kvs_put(kvstore_t* store, const qn_str_t* key, const void* value, uin
 
 int32_t qn_kvs_put_fmt(kvstore_t* store, const qn_str_t* key, const char* fmt, ...) {
   using namespace qn;
-  if (store == nullptr) {
-    QN_LOG(kFmtNoStore);
-    return -1;
-  }
-  if (key == nullptr) {
-    QN_LOG(kFmtNoKey);
-    return -1;
-  }
+  if (store == nullptr) return QN_FAIL(-1, kFmtNoStore);
+  if (key == nullptr) return QN_FAIL(-1, kFmtNoKey);
   QN_LOG(kFmtKey, key->data);
-  if (fmt == nullptr) {
-    QN_LOG(kFmtFailed, key->data, "-");
-    return -1;
-  }
+  if (fmt == nullptr) return QN_FAIL(-1, kFmtFailed, key->data, "-");
   const HeapPtr<char> text(static_cast<char*>(qn_alloc(kFmtBufferSize)));
-  if (!text) {
-    QN_LOG(kFmtNoBuffer, key->data, fmt);
-    return -1;
-  }
+  if (!text) return QN_FAIL(-1, kFmtNoBuffer, key->data, fmt);
   va_list args;
   va_start(args, fmt);
   const int length = vsprintf_s(text.get(), kFmtTextSize, fmt, args);
   va_end(args);
-  if (length < 0) {
-    QN_LOG(kFmtFailed, key->data, fmt);
-    return -1;
-  }
+  if (length < 0) return QN_FAIL(-1, kFmtFailed, key->data, fmt);
   return qn_kvs_put(store, key, text.get(), static_cast<uint16_t>(strnlen(text.get(), kFmtTextSize)));
 }
 
 int32_t qn_kvs_delete(kvstore_t* store, const qn_str_t* key) {
   using namespace qn;
-  if (store == nullptr) {
-    QN_CONSOLE(kDeleteNoStore);
-    return -1;
-  }
-  if (key == nullptr) {
-    QN_CONSOLE(kDeleteNoKey);
-    return -1;
-  }
+  if (store == nullptr) return QN_FAIL_CONSOLE(-1, kDeleteNoStore);
+  if (key == nullptr) return QN_FAIL_CONSOLE(-1, kDeleteNoKey);
   trace_enter(kTraceDelete);
   QN_LOG(kDeleteKey, key->data);
-  if (!key_fits(*key)) {
-    QN_LOG(kDeleteKeyTooLong, key->data, QN_KVS_KEY_MAX);
-    return -1;
-  }
+  if (!key_fits(*key)) return QN_FAIL(-1, kDeleteKeyTooLong, key->data, QN_KVS_KEY_MAX);
 
   const MutexGuard guard(store->mutex);
   kvs_key_entry_t* const entry = find_entry(*store, *key);
-  if (entry == nullptr) {
-    QN_LOG(kDeleteNotFound, key->data);
-    return -1;
-  }
+  if (entry == nullptr) return QN_FAIL(-1, kDeleteNotFound, key->data);
   const uint16_t value_len = read_value_len(slot_of(*store, *entry));
   {
     const SpinGuard lock(store->lock);

@@ -99,10 +99,7 @@ qn_file_t* open_live_file(const char* dir, const char* name_fmt, uint32_t role, 
 
 int32_t qn_log_local_wirter_init(qn_log_t& log, uint32_t append) {
   qn::HeapPtr<qn_log_local_writer_t> writer = qn::make_heap<qn_log_local_writer_t>();
-  if (!writer) {
-    QN_PRINTLN(kWriterFailed);
-    return -1;
-  }
+  if (!writer) return QN_FAIL_PRINTLN(-1, kWriterFailed);
   memcpy_s(writer->file_fmt, sizeof(writer->file_fmt), kFileFmt, sizeof(kFileFmt));
   memcpy_s(writer->error_file_fmt, sizeof(writer->error_file_fmt), kErrorFileFmt, sizeof(kErrorFileFmt));
   memcpy_s(writer->dir, sizeof(writer->dir), kDir, sizeof(kDir));
@@ -160,15 +157,10 @@ int32_t qn_log_backup_log_file_if_need(uint32_t role, qn_file_t* file, const cha
 }
 
 qn_log_t* qn_log_local_new(uint32_t config_level, uint32_t role, uint32_t append) {
-  if ((config_level & kLevelMask) > kLevelMax) {
-    QN_PRINTLN(kInvalidLevel, config_level);
-    return nullptr;
-  }
+  if ((config_level & kLevelMask) > kLevelMax)
+    return QN_FAIL_PRINTLN(nullptr, kInvalidLevel, config_level);
   qn::HeapPtr<qn_log_t> log(static_cast<qn_log_t*>(malloc(sizeof(qn_log_t))));
-  if (!log) {
-    QN_PRINTLN(kLogFailed);
-    return nullptr;
-  }
+  if (!log) return QN_FAIL_PRINTLN(nullptr, kLogFailed);
   memset_s(log.get(), sizeof(qn_log_t), 0, sizeof(qn_log_t));
   log->config_level = config_level;
   log->role = role >= 1 && role < kRoleNil ? role : kRoleNil;

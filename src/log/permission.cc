@@ -156,10 +156,7 @@ int32_t configs_init() {
   if (g_configs != nullptr) return 0;
   QN_PRINTLN(kUsingDefault, kConfigFile);
   qn_map_t* const map = qn_map_new();
-  if (map == nullptr) {
-    QN_PRINTLN(kDefaultFailed);
-    return -1;
-  }
+  if (map == nullptr) return QN_FAIL_PRINTLN(-1, kDefaultFailed);
   add_default_configs(map);
   replace_map(g_configs, map);
   return 0;

@@ -51,19 +51,13 @@ bool make_directory(const char* path) {
 }
 
 bool fill_names(qn_file_t& file, const char* path, const char* filename) {
-  if (snprintf_s(file.path, sizeof(file.path), sizeof(file.path) - 1, "%s", path) < 0) {
-    QN_CONSOLE(kPathTooLong, path);
-    return false;
-  }
-  if (snprintf_s(file.filename, sizeof(file.filename), sizeof(file.filename) - 1, "%s", filename) < 0) {
-    QN_CONSOLE(kNameTooLong, filename);
-    return false;
-  }
+  if (snprintf_s(file.path, sizeof(file.path), sizeof(file.path) - 1, "%s", path) < 0)
+    return QN_FAIL_CONSOLE(false, kPathTooLong, path);
+  if (snprintf_s(file.filename, sizeof(file.filename), sizeof(file.filename) - 1, "%s", filename) < 0)
+    return QN_FAIL_CONSOLE(false, kNameTooLong, filename);
   if (snprintf_s(file.pathname, sizeof(file.pathname), sizeof(file.pathname) - 1, "%s/%s", path,
-                 filename) < 0) {
-    QN_CONSOLE(kPathnameTooLong, path, filename);
-    return false;
-  }
+                 filename) < 0)
+    return QN_FAIL_CONSOLE(false, kPathnameTooLong, path, filename);
   return true;
 }
 
@@ -105,10 +99,7 @@ int32_t qn_file_open_file(qn_file_t* file) {
   if (file == nullptr) return -2;
   close_descriptor(*file);
   file->fd = qn::move_above_standard_streams(open(file->pathname, file->flags | O_CLOEXEC, file->mode));
-  if (file->fd < 0) {
-    QN_CONSOLE(kOpenFailed, file->pathname);
-    return -1;
-  }
+  if (file->fd < 0) return QN_FAIL_CONSOLE(-1, kOpenFailed, file->pathname);
   stat(file->pathname, &file->st);
   if (file->inited == 0) pthread_mutex_init(&file->lock, nullptr);
   file->inited = 1;

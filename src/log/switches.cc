@@ -67,10 +67,7 @@ int32_t qn_log_set_permission_for_level(const qn_log_permit_config_t& config,
                                         const qn::PermissionMaps& maps) {
   QN_PRINTLN(kSetLevel, config.role, config.level);
   const PermissionKey key(config.role, qn::kKeyLevel);
-  if (!key.fits()) {
-    QN_PRINTLN(kLevelKey, config.role, config.level);
-    return -1;
-  }
+  if (!key.fits()) return QN_FAIL_PRINTLN(-1, kLevelKey, config.role, config.level);
   return set_value(key, config.level, maps.configs);
 }
 
@@ -78,14 +75,9 @@ int32_t qn_log_set_permission_for_biz_name(const qn_log_permit_config_t& config,
                                            const qn::PermissionMaps& maps) {
   QN_PRINTLN(kSetBizName, config.role, config.biz_name, config.permit);
   const PermissionKey key(config.role, qn::kKeyBiz, config.biz_name);
-  if (!key.fits()) {
-    QN_PRINTLN(kBizNameKey, config.role, config.biz_name, config.permit);
-    return -1;
-  }
-  if (!is_on_or_off(config.permit)) {
-    QN_PRINTLN(kBizNamePermit, config.role, config.biz_name, config.permit);
-    return -1;
-  }
+  if (!key.fits()) return QN_FAIL_PRINTLN(-1, kBizNameKey, config.role, config.biz_name, config.permit);
+  if (!is_on_or_off(config.permit))
+    return QN_FAIL_PRINTLN(-1, kBizNamePermit, config.role, config.biz_name, config.permit);
   return switch_single(key, config.permit, maps.user_configs);
 }
 
@@ -93,14 +85,8 @@ int32_t qn_log_set_permission_for_logid(const qn_log_permit_config_t& config,
                                         const qn::PermissionMaps& maps) {
   QN_PRINTLN(kSetLogid, config.role, config.logid);
   const PermissionKey key(config.role, config.logid);
-  if (!key.fits()) {
-    QN_PRINTLN(kLogidKey, config.role, config.logid);
-    return -1;
-  }
-  if (!is_on_or_off(config.permit)) {
-    QN_PRINTLN(kLogidPermit, config.role, config.logid);
-    return -1;
-  }
+  if (!key.fits()) return QN_FAIL_PRINTLN(-1, kLogidKey, config.role, config.logid);
+  if (!is_on_or_off(config.permit)) return QN_FAIL_PRINTLN(-1, kLogidPermit, config.role, config.logid);
   return switch_single(key, config.permit, maps.user_configs);
 }
 
@@ -108,14 +94,9 @@ int32_t qn_log_set_permission_for_console(const qn_log_permit_config_t& config,
                                           const qn::PermissionMaps& maps) {
   QN_PRINTLN(kSetConsole, config.role, config.console_permit);
   const PermissionKey key(config.role, qn::kKeyConsole);
-  if (!key.fits()) {
-    QN_PRINTLN(kConsoleKey, config.role, config.console_permit);
-    return -1;
-  }
-  if (!is_on_or_off(config.console_permit)) {
-    QN_PRINTLN(kConsolePermit, config.role, config.console_permit);
-    return -1;
-  }
+  if (!key.fits()) return QN_FAIL_PRINTLN(-1, kConsoleKey, config.role, config.console_permit);
+  if (!is_on_or_off(config.console_permit))
+    return QN_FAIL_PRINTLN(-1, kConsolePermit, config.role, config.console_permit);
   return set_value(key, config.console_permit, maps.configs);
 }
 
@@ -123,14 +104,9 @@ int32_t qn_log_set_permission_for_trace(const qn_log_permit_config_t& config,
                                         const qn::PermissionMaps& maps) {
   QN_PRINTLN(kSetTrace, config.role, config.trace_permit);
   const PermissionKey key(config.role, qn::kKeyTrace);
-  if (!key.fits()) {
-    QN_PRINTLN(kTraceKey, config.role, config.trace_permit);
-    return -1;
-  }
-  if (!is_on_or_off(config.trace_permit)) {
-    QN_PRINTLN(kTracePermit, config.role, config.trace_permit);
-    return -1;
-  }
+  if (!key.fits()) return QN_FAIL_PRINTLN(-1, kTraceKey, config.role, config.trace_permit);
+  if (!is_on_or_off(config.trace_permit))
+    return QN_FAIL_PRINTLN(-1, kTracePermit, config.role, config.trace_permit);
   return set_value(key, config.trace_permit, maps.configs);
 }
 

@@ -78,14 +78,8 @@ bool exists(const SysfsPath& path) { return path.fits() && access(path.text(), F
 // The carrier of a descriptor as a text. False when the file could not be read as such.
 bool read_carrier(int fd, const char* path, char (&state)[kCarrierSize]) {
   const int flags = fcntl(fd, F_GETFL);
-  if (flags < 0) {
-    QN_LOG(kGetFlagsFailed, errno);
-    return false;
-  }
-  if (fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) {
-    QN_LOG(kSetFlagsFailed, errno);
-    return false;
-  }
+  if (flags < 0) return QN_FAIL(false, kGetFlagsFailed, errno);
+  if (fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) return QN_FAIL(false, kSetFlagsFailed, errno);
   // The kernel refuses the read for an interface that is down: an empty state, and not a failure.
   if (read(fd, state, sizeof(state) - 1) != 0) return true;
   QN_LOG(kNothingRead, path, errno);
@@ -149,15 +143,9 @@ uint32_t QnIntfIsEthernet(uint32_t media_type) { return media_type <= kEthernetL
 
 int32_t QnIntfGetPowerState(const char* intf_name) {
   const SysfsPath path(intf_name, "carrier");
-  if (!path.fits()) {
-    QN_LOG(kPathTooLong, or_dash(intf_name));
-    return QN_INTF_POWER_OFF;
-  }
+  if (!path.fits()) return QN_FAIL(QN_INTF_POWER_OFF, kPathTooLong, or_dash(intf_name));
   UniqueFd fd(open(path.text(), O_RDONLY | O_CLOEXEC));
-  if (!fd.valid()) {
-    QN_LOG(kOpenFailed, path.text(), errno);
-    return QN_INTF_POWER_OFF;
-  }
+  if (!fd.valid()) return QN_FAIL(QN_INTF_POWER_OFF, kOpenFailed, path.text(), errno);
   char state[kCarrierSize] = "";
   if (!read_carrier(fd.get(), path.text(), state)) return QN_INTF_POWER_OFF;
   fd.reset();

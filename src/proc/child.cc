@@ -83,16 +83,9 @@ int32_t qn_proc_child_start(qn_child_proc_t* child) {
   if (child == nullptr || child->entry == nullptr) return -1;
   Pipe to_child;
   Pipe to_parent;
-  if (!to_child.open() || !to_parent.open()) {
-    const int error = errno;
-    QN_LOG(kPipeFailed, error, ErrorText(error).text());
-    return -1;
-  }
+  if (!to_child.open() || !to_parent.open()) return QN_FAIL(-1, kPipeFailed, QN_ERRNO);
   const pid_t pid = fork();
-  if (pid < 0) {
-    QN_LOG(kForkFailed);
-    return -1;
-  }
+  if (pid < 0) return QN_FAIL(-1, kForkFailed);
   QN_LOG(kForked);
   if (pid == 0) run_child(*child, to_child, to_parent);
 
@@ -127,10 +120,7 @@ int32_t qn_proc_child_send_heatbeat(qn_child_proc_t* child) {
 int32_t qn_proc_child_start_exec(const char* name, const char* path, char* const argv[], int32_t* pid) {
   if (path == nullptr || argv == nullptr || pid == nullptr) return -1;
   const pid_t child = fork();
-  if (child < 0) {
-    QN_LOG(kExecForkFailed);
-    return -1;
-  }
+  if (child < 0) return QN_FAIL(-1, kExecForkFailed);
   if (child == 0) exit(execv(path, argv)); // NOLINT(concurrency-mt-unsafe): the child has one thread
   *pid = child;
   QN_LOG(kExecStarted, or_dash(name), child, path);

@@ -59,10 +59,7 @@ int32_t check_exist_pidfile(const char* path) {
   struct stat status;
   if (stat(path, &status) != 0) return 0;
   UniqueFd fd(open(path, O_RDWR | O_CLOEXEC));
-  if (!fd.valid()) {
-    QN_LOG(kOpenFailed, path);
-    return -1;
-  }
+  if (!fd.valid()) return QN_FAIL(-1, kOpenFailed, path);
   StoredPid pid = -1;
   const bool alive = owner_is_alive(fd.get(), &pid);
   fd.reset();
@@ -78,10 +75,7 @@ int32_t check_exist_pidfile(const char* path) {
 
 int32_t create_pidfile(const char* path) {
   UniqueFd fd(open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode));
-  if (!fd.valid()) {
-    QN_LOG(kCreateFailed, path);
-    return -1;
-  }
+  if (!fd.valid()) return QN_FAIL(-1, kCreateFailed, path);
   const StoredPid pid = getpid();
   if (write(fd.get(), &pid, sizeof(pid)) != static_cast<ssize_t>(sizeof(pid))) {
     QN_LOG(kWriteFailed, pid, path);

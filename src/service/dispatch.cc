@@ -104,18 +104,10 @@ bool qn_service_process_msg_read_msg(int32_t fd, uint32_t max_msg_len, uint8_t (
   QN_LOG(kReadDone, bytes_read);
 
   memcpy_s(header, sizeof(*header), buffer, sizeof(*header));
-  if (header->msg_len > max_msg_len) {
-    QN_LOG(kTooLong, header->msg_len, max_msg_len);
-    return false;
-  }
-  if (header->msg_act != QN_MSG_ACT_REQ) {
-    QN_LOG(kNoRequest, header->msg_act);
-    return false;
-  }
-  if (header->msg_len + kHeaderSize != bytes_read) {
-    QN_LOG(kWrongLength, bytes_read, header->msg_len);
-    return false;
-  }
+  if (header->msg_len > max_msg_len) return QN_FAIL(false, kTooLong, header->msg_len, max_msg_len);
+  if (header->msg_act != QN_MSG_ACT_REQ) return QN_FAIL(false, kNoRequest, header->msg_act);
+  if (header->msg_len + kHeaderSize != bytes_read)
+    return QN_FAIL(false, kWrongLength, bytes_read, header->msg_len);
   return true;
 }
 
@@ -172,10 +164,7 @@ int32_t qn_service_safe_send_msg_body(int32_t fd, const uint8_t* message, uint32
     const ssize_t written = write(fd, message + sent, size - sent);
     const int error = errno;
     QN_LOG(kWriteTried, fd, static_cast<long>(written), tries, size);
-    if (written == 0) {
-      QN_LOG(kNothingWritten, error, ErrorText(error).text());
-      return -1;
-    }
+    if (written == 0) return QN_FAIL(-1, kNothingWritten, error, ErrorText(error).text());
     if (written > 0) {
       sent += static_cast<uint32_t>(written);
     } else if (!may_retry_write(fd, error)) {
@@ -192,10 +181,7 @@ int32_t qn_service_send_response(int32_t fd, const qn_msg_hdr_t& request, const 
   if (!__builtin_add_overflow(kHeaderSize, response.len, &size)) {
     message.reset(static_cast<uint8_t*>(qn_alloc(size)));
   }
-  if (!message) {
-    QN_LOG(kAllocFailed, size);
-    return kNoMemory;
-  }
+  if (!message) return QN_FAIL(kNoMemory, kAllocFailed, size);
   const qn_msg_hdr_t header = {request.msg_type,
                                QN_MSG_ACT_RSP,
                                response.msg_err,

@@ -33,10 +33,7 @@ int32_t qn_service_make_error_msg(uint32_t code, void** rsp_body, uint32_t* rsp_
   va_start(args, fmt);
   const int length = vsprintf_s(text, kTextSize, fmt, args);
   va_end(args);
-  if (length < 0) {
-    QN_LOG(kFormatFailed, fmt);
-    return -1;
-  }
+  if (length < 0) return QN_FAIL(-1, kFormatFailed, fmt);
   // A %c of 0 ends the text early.
   *rsp_len = kCodeSize + 1 + static_cast<uint32_t>(strnlen(text, kTextSize));
   *rsp_body = body.release();

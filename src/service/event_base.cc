@@ -210,14 +210,8 @@ int32_t qn_event_epoll_dispatch(qn_ev_base_t& base, bool* interrupted) {
   const int32_t nfds = epoll_wait(op.epfd, op.events, op.nevents, -1);
   const int32_t error = errno;
   *interrupted = nfds < 0 && error == EINTR;
-  if (*interrupted) {
-    QN_LOG(kInterrupted);
-    return 0;
-  }
-  if (nfds < 0) {
-    QN_LOG(kWaitFailed, nfds, error, ErrorText(error).text());
-    return kDispatchError;
-  }
+  if (*interrupted) return QN_FAIL(0, kInterrupted);
+  if (nfds < 0) return QN_FAIL(kDispatchError, kWaitFailed, nfds, error, ErrorText(error).text());
   QN_LOG(kWaited, nfds);
   for (int32_t i = 0; i < nfds; i++) {
     const uint32_t res = result_flags(op.events[i].events);
@@ -295,25 +289,16 @@ void release_events(qn_ev_base_t& base) {
 } // namespace
 
 qn_ev_base_t* qn_ev_base_new(qn_cycle_t* cycle) {
-  if (cycle == nullptr) {
-    QN_CONSOLE(kNoCycle);
-    return nullptr;
-  }
+  if (cycle == nullptr) return QN_FAIL_CONSOLE(nullptr, kNoCycle);
   const TraceScope trace(kTraceNew);
   qn::HeapPtr<qn_ev_base_t> base = qn::make_heap<qn_ev_base_t>();
-  if (!base) {
-    QN_LOG(kBaseFailed);
-    return nullptr;
-  }
+  if (!base) return QN_FAIL(nullptr, kBaseFailed);
   qn::UniqueFd epfd(epoll_create1(EPOLL_CLOEXEC));
   qn::HeapPtr<epoll_event> events;
   if (epfd.valid()) {
     events.reset(static_cast<epoll_event*>(qn_alloc(kFirstCapacity * sizeof(epoll_event))));
   }
-  if (!events) {
-    QN_LOG(kEpollFailed);
-    return nullptr;
-  }
+  if (!events) return QN_FAIL(nullptr, kEpollFailed);
   qn::list_init(base->active_list);
   qn::list_init(base->event_list);
   base->cycle = cycle;
@@ -355,19 +340,10 @@ void qn_ev_base_free(qn_ev_base_t* base) {
 
 qn_event_t* qn_event_new(qn_ev_base_t* base, int32_t fd, uint16_t events, qn_ev_callback_t callback,
                          void* arg) {
-  if (base == nullptr) {
-    QN_LOG(kNoBase);
-    return nullptr;
-  }
-  if (callback == nullptr) {
-    QN_LOG(kNoCallback);
-    return nullptr;
-  }
+  if (base == nullptr) return QN_FAIL(nullptr, kNoBase);
+  if (callback == nullptr) return QN_FAIL(nullptr, kNoCallback);
   qn_event_t* const event = qn::make_heap<qn_event_t>().release();
-  if (event == nullptr) {
-    QN_LOG(kEventFailed);
-    return nullptr;
-  }
+  if (event == nullptr) return QN_FAIL(nullptr, kEventFailed);
   qn::list_init(event->list_link);
   qn::list_init(event->active_link);
   event->base = base;
@@ -380,10 +356,8 @@ qn_event_t* qn_event_new(qn_ev_base_t* base, int32_t fd, uint16_t events, qn_ev_
 }
 
 int32_t qn_event_add(qn_event_t* event) {
-  if ((event->status & (QN_EV_STATUS_INIT | QN_EV_STATUS_DELETED)) == 0) {
-    QN_LOG(kAlreadyAdded);
-    return -1;
-  }
+  if ((event->status & (QN_EV_STATUS_INIT | QN_EV_STATUS_DELETED)) == 0)
+    return QN_FAIL(-1, kAlreadyAdded);
   if ((event->events & kWatchFlags) == 0) return 0;
 
   qn_ev_base_t& base = *event->base;

@@ -87,17 +87,11 @@ int32_t qn_service_create_socket_server(qn_service_t& service) {
   int32_t listener = -1;
   const int32_t result =
       qn_sock_create_unix_socket_server(service.conf->server_path, service.conf->backlog, &listener);
-  if (result != 0) {
-    QN_LOG(kServerFailed);
-    return result;
-  }
+  if (result != 0) return QN_FAIL(result, kServerFailed);
   UniqueFd fd(listener);
   qn_sock_set_nonblock(fd.get());
   qn_event_t* const event = make_event(service, fd, qn_service_accept);
-  if (event == nullptr) {
-    QN_LOG(kListenerEventFailed);
-    return -1;
-  }
+  if (event == nullptr) return QN_FAIL(-1, kListenerEventFailed);
   return register_event(event);
 }
 
@@ -111,10 +105,7 @@ void free_base(qn_service_t& service) {
 void* qn_service_loop(void* arg) {
   qn_service_t& service = *static_cast<qn_service_t*>(arg);
   qn_ev_base_t* const base = qn_ev_base_new(service.cycle);
-  if (base == nullptr) {
-    QN_LOG(kBaseFailed);
-    return nullptr;
-  }
+  if (base == nullptr) return QN_FAIL(nullptr, kBaseFailed);
   QN_LOG(kBaseMade);
   publish_base(service, base);
   if (qn_service_create_socket_server(service) != 0) {

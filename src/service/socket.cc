@@ -126,45 +126,21 @@ int32_t qn_sock_safe_read(int32_t fd, void* buf, uint32_t len, uint32_t* bytes_r
 
 int32_t qn_sock_set_nonblock(int32_t fd) {
   const int flags = fcntl(fd, F_GETFL);
-  if (flags < 0) {
-    const int error = errno;
-    QN_LOG(kGetFlagsFailed, fd, error, ErrorText(error).text());
-    return -1;
-  }
-  if (fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) {
-    const int error = errno;
-    QN_LOG(kSetFlagsFailed, fd, error, ErrorText(error).text());
-    return -1;
-  }
+  if (flags < 0) return QN_FAIL(-1, kGetFlagsFailed, fd, QN_ERRNO);
+  if (fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) return QN_FAIL(-1, kSetFlagsFailed, fd, QN_ERRNO);
   return 0;
 }
 
 int32_t qn_sock_create_unix_socket_server(const char* server_path, int32_t backlog, int32_t* sock_fd) {
   qn::trace_enter(kTraceServer);
-  if (server_path == nullptr) {
-    QN_LOG(kServerNoPath);
-    return -2;
-  }
-  if (sock_fd == nullptr) {
-    QN_LOG(kServerNoOut);
-    return -2;
-  }
+  if (server_path == nullptr) return QN_FAIL(-2, kServerNoPath);
+  if (sock_fd == nullptr) return QN_FAIL(-2, kServerNoOut);
   QN_LOG(kReadyToBind, server_path);
   UniqueFd fd = make_socket();
-  if (!fd.valid()) {
-    const int error = errno;
-    QN_LOG(kServerSocketFailed, server_path, error, ErrorText(error).text());
-    return -1;
-  }
-  if (const int error = bind_path(fd.get(), server_path)) {
-    QN_LOG(kBindFailed, server_path, error, ErrorText(error).text());
-    return -1;
-  }
-  if (listen(fd.get(), backlog) != 0) {
-    const int error = errno;
-    QN_LOG(kListenFailed, fd.get(), server_path, error, ErrorText(error).text());
-    return -1;
-  }
+  if (!fd.valid()) return QN_FAIL(-1, kServerSocketFailed, server_path, QN_ERRNO);
+  if (const int error = bind_path(fd.get(), server_path))
+    return QN_FAIL(-1, kBindFailed, server_path, error, ErrorText(error).text());
+  if (listen(fd.get(), backlog) != 0) return QN_FAIL(-1, kListenFailed, fd.get(), server_path, QN_ERRNO);
   *sock_fd = fd.release();
   QN_LOG(kServerMade, server_path, *sock_fd);
   qn::trace_leave(kTraceServer);
@@ -173,26 +149,14 @@ int32_t qn_sock_create_unix_socket_server(const char* server_path, int32_t backl
 
 int32_t qn_sock_connect_unix_socket_server(const char* server_path, int32_t* sock_fd) {
   qn::trace_enter(kTraceClient);
-  if (server_path == nullptr) {
-    QN_LOG(kClientNoPath);
-    return -2;
-  }
-  if (sock_fd == nullptr) {
-    QN_LOG(kClientNoOut);
-    return -2;
-  }
+  if (server_path == nullptr) return QN_FAIL(-2, kClientNoPath);
+  if (sock_fd == nullptr) return QN_FAIL(-2, kClientNoOut);
   UniqueFd fd = make_socket();
-  if (!fd.valid()) {
-    const int error = errno;
-    QN_LOG(kClientSocketFailed, server_path, error, ErrorText(error).text());
-    return -1;
-  }
+  if (!fd.valid()) return QN_FAIL(-1, kClientSocketFailed, server_path, QN_ERRNO);
   sockaddr_un address;
   if (!make_address(server_path, &address)) return -1;
-  if (const int error = connect_with_grace(fd.get(), address)) {
-    QN_LOG(kConnectFailed, server_path, error, ErrorText(error).text());
-    return -1;
-  }
+  if (const int error = connect_with_grace(fd.get(), address))
+    return QN_FAIL(-1, kConnectFailed, server_path, error, ErrorText(error).text());
   *sock_fd = fd.release();
   qn::trace_leave(kTraceClient);
   return 0;

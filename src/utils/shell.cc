@@ -78,10 +78,7 @@ int32_t qn_os_exec_cmd(const char* cmd) {
   if (child == 0) exec_shell(cmd);
 
   int status = 0;
-  if (!wait_for(child, &status)) {
-    QN_LOG(kWaitFailed, cmd);
-    return -1;
-  }
+  if (!wait_for(child, &status)) return QN_FAIL(-1, kWaitFailed, cmd);
   const int32_t result = (status & kSignalMask) == 0 ? 0 : -1;
   QN_LOG(kExecDone, cmd, result);
   return result;
@@ -94,10 +91,7 @@ int32_t qn_os_exec_vcmd(const char* fmt, ...) {
   va_start(args, fmt);
   const int length = vsnprintf_s(command, sizeof(command), sizeof(command) - 1, fmt, args);
   va_end(args);
-  if (length < 0) {
-    QN_LOG(kFormatFailed, fmt);
-    return -1;
-  }
+  if (length < 0) return QN_FAIL(-1, kFormatFailed, fmt);
 
   const int32_t result = qn_os_exec_cmd(command);
   if (result != 0) QN_LOG(kVcmdFailed, command, result);
@@ -108,10 +102,7 @@ int32_t qn_os_exec_vcmd(const char* fmt, ...) {
 int32_t qn_os_exec_cmd_and_read_output(const char* cmd, char* output, int32_t size) {
   if (cmd == nullptr || output == nullptr || size <= 0) return -1;
   const CommandOutput stream(cmd);
-  if (stream.get() == nullptr) {
-    QN_LOG(kReadPopenFailed, cmd);
-    return -1;
-  }
+  if (stream.get() == nullptr) return QN_FAIL(-1, kReadPopenFailed, cmd);
   QN_LOG(kReadPopenDone, cmd);
 
   char* target = output;
@@ -133,19 +124,11 @@ int32_t qn_os_read_value_by_key_from_file(const char* path, const char* key, con
     return -1;
   char command[kCommandSize];
   if (snprintf_s(command, sizeof(command), sizeof(command) - 1, "awk -F '%s' '/%s/ {printf $2}' %s",
-                 separator, key, path) < 0) {
-    QN_LOG(kValueFormatFailed);
-    return -1;
-  }
+                 separator, key, path) < 0)
+    return QN_FAIL(-1, kValueFormatFailed);
   const CommandOutput stream(command);
-  if (stream.get() == nullptr) {
-    QN_LOG(kValuePopenFailed);
-    return -1;
-  }
-  if (fgets(value, size, stream.get()) == nullptr) {
-    QN_LOG(kValueReadFailed);
-    return -1;
-  }
+  if (stream.get() == nullptr) return QN_FAIL(-1, kValuePopenFailed);
+  if (fgets(value, size, stream.get()) == nullptr) return QN_FAIL(-1, kValueReadFailed);
   return 0;
 }
 
