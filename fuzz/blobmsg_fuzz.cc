@@ -6,7 +6,7 @@
 #include <cstring>
 #include <memory>
 
-#include "platform/bus/message.h"
+#include "standin/message.h"
 
 namespace {
 

@@ -21,8 +21,8 @@
 #include <utility>
 
 #include "platform/bounded_string.h"
-#include "platform/bus/message.h"
 #include "platform/guards.h"
+#include "standin/message.h"
 
 namespace {
 

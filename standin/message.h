@@ -9,8 +9,8 @@
 //       12        attributes
 //
 // All numbers are big endian.
-#ifndef QN_PLATFORM_BUS_MESSAGE_H
-#define QN_PLATFORM_BUS_MESSAGE_H
+#ifndef QN_STANDIN_MESSAGE_H
+#define QN_STANDIN_MESSAGE_H
 
 #include <libubox/blob.h>
 
@@ -98,4 +98,4 @@ class MessageBuilder {
 
 } // namespace qn::bus
 
-#endif // QN_PLATFORM_BUS_MESSAGE_H
+#endif // QN_STANDIN_MESSAGE_H

@@ -1,5 +1,5 @@
 // Messages of the bus: reading and building.
-#include "platform/bus/message.h"
+#include "standin/message.h"
 
 #include <arpa/inet.h>
 #include <libubox/blobmsg.h>
