@@ -18,6 +18,7 @@
 #include "platform/bounded_string.h"
 #include "platform/error_text.h"
 #include "platform/guards.h"
+#include "platform/standard_streams.h"
 
 namespace qn {
 namespace {
@@ -119,7 +120,7 @@ int32_t make_directories(const char* dbfile) {
 int32_t qn_kvs_create_and_open_dbfile(const char* dbfile, UniqueFd* out) {
   trace_enter(kTraceCreate);
   if (make_directories(dbfile) != 0) return -1;
-  UniqueFd fd(move_above_standard_streams(open(dbfile, O_RDWR | O_CREAT | O_CLOEXEC, kFileMode)));
+  UniqueFd fd(open_above(dbfile, O_RDWR | O_CREAT, kFileMode));
   if (!fd.valid()) return QN_FAIL(-1, kCreateFailed, dbfile, QN_ERRNO);
   if (ftruncate(fd.get(), 0) != 0) return QN_FAIL(-1, kClearFailed, dbfile, QN_ERRNO, 0);
   if (ftruncate(fd.get(), kDbSize) != 0)
@@ -178,18 +179,14 @@ int32_t create_and_load(kvstore_t& store) {
   return 0;
 }
 
-int open_existing(const char* dbfile) {
-  return move_above_standard_streams(open(dbfile, O_RDWR | O_CLOEXEC));
-}
-
 // The file is asked after only where it cannot be opened: the question alone makes the next change of its
 // time stamps one that a file system must write down.
 int32_t open_and_load(kvstore_t& store) {
-  UniqueFd fd(open_existing(store.dbfile));
+  UniqueFd fd(open_above(store.dbfile, O_RDWR));
   int error = errno;
   if (!fd.valid() && is_absent(store.dbfile)) return create_and_load(store);
   if (!fd.valid() && error == ENOENT) {
-    fd.reset(open_existing(store.dbfile)); // it has come into being since
+    fd.reset(open_above(store.dbfile, O_RDWR)); // it has come into being since
     error = errno;
   }
   if (!fd.valid()) return QN_FAIL(-1, kOpenFailed, store.dbfile, error, ErrorText(error).text());

@@ -11,6 +11,7 @@
 #include "core/log_record.h"
 #include "platform/bounded_string.h"
 #include "platform/guards.h"
+#include "platform/standard_streams.h"
 
 namespace {
 
@@ -98,7 +99,7 @@ qn_file_t* qn_file_open(const char* path, const char* filename, int32_t flags, u
 int32_t qn_file_open_file(qn_file_t* file) {
   if (file == nullptr) return -2;
   close_descriptor(*file);
-  file->fd = qn::move_above_standard_streams(open(file->pathname, file->flags | O_CLOEXEC, file->mode));
+  file->fd = qn::open_above(file->pathname, file->flags, file->mode);
   if (file->fd < 0) return QN_FAIL_CONSOLE(-1, kOpenFailed, file->pathname);
   stat(file->pathname, &file->st);
   if (file->inited == 0) pthread_mutex_init(&file->lock, nullptr);

@@ -1,8 +1,7 @@
-// Owners that undo on every way out: of descriptors, locks and streams.
+// Owners that undo on every way out: of descriptors and locks.
 #ifndef QN_PLATFORM_GUARDS_H
 #define QN_PLATFORM_GUARDS_H
 
-#include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -40,14 +39,6 @@ class UniqueFd {
  private:
   int fd_;
 };
-
-// Takes over what open() gave and returns a descriptor above the standard streams, or -1: in a process
-// that has closed those, whoever writes to standard output or standard error would write into the file.
-inline int move_above_standard_streams(int opened) {
-  constexpr int kFirst = STDERR_FILENO + 1;
-  UniqueFd fd(opened);
-  return fd.get() >= kFirst || !fd.valid() ? fd.release() : fcntl(fd.get(), F_DUPFD_CLOEXEC, kFirst);
-}
 
 // Holds a lock from its construction to the end of its scope.
 template <typename Lock, int (*acquire)(Lock*), int (*release)(Lock*)>
