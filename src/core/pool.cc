@@ -2,7 +2,9 @@
 //
 // Every block starts with its header; the first one continues it with the pool's own three fields. A
 // search for room starts at `current`, which moves towards the tail past blocks that have missed too
-// often, so that it never walks a long chain of full ones.
+// often. After a reset nothing moves it, however many blocks are full, so the pool also remembers where
+// the last search ended, and which sizes need not look at what lies before: the place that is found is
+// the same.
 #include "core/pool.h"
 
 #include <malloc.h>
@@ -25,6 +27,12 @@ struct PoolBlock {
 struct qn_pool_large_t {
   qn_pool_large_t* next;
   void* alloc; // null when the record is free for reuse
+};
+
+// In front of the head, in the same block of the heap.
+struct alignas(16) SearchHint {
+  PoolBlock* start; // the block where the last search ended
+  uint32_t missed;  // no block from `current` up to `start` has room for this size or a larger one
 };
 
 } // namespace
@@ -71,6 +79,21 @@ inline bool block_carve(PoolBlock& block, uint32_t size, uint32_t alignment, voi
   return true;
 }
 
+SearchHint& hint_of(const qn_pool& pool) {
+  return reinterpret_cast<SearchHint*>(const_cast<qn_pool*>(&pool))[-1];
+}
+
+PoolBlock& start_of_search(const qn_pool& pool, uint32_t size) {
+  const SearchHint& hint = hint_of(pool);
+  return size < hint.missed ? *pool.current : *hint.start;
+}
+
+// The least size that the block has no room for, whatever its alignment.
+uint32_t size_missed(const PoolBlock& block) {
+  const ptrdiff_t room = block.end - align_up(block.last, kPoolAlignment);
+  return room < 0 ? 0 : static_cast<uint32_t>(room) + 1;
+}
+
 // Counts a miss for every block on the search path that has a successor, moves `current` behind the last
 // of them that missed too often, and returns the tail. The walk goes on past a block that qualifies: a
 // later one decides, also over blocks with a low count in between.
@@ -82,7 +105,7 @@ PoolBlock* count_misses(qn_pool& pool) {
   return block;
 }
 
-void* palloc_block(qn_pool& pool, uint32_t size, uint32_t alignment) {
+void* palloc_block(qn_pool& pool, uint32_t size, uint32_t alignment, uint32_t missed) {
   const uint32_t block_size = static_cast<uint32_t>(pool.block.end - reinterpret_cast<uint8_t*>(&pool));
   PoolBlock* const block = static_cast<PoolBlock*>(qn_memalign(kBlockAlignment, block_size));
   if (block == nullptr) {
@@ -97,21 +120,30 @@ void* palloc_block(qn_pool& pool, uint32_t size, uint32_t alignment) {
   block->last = result + size;
 
   count_misses(pool)->next = block;
+  hint_of(pool) = {block, missed};
   return result;
 }
 
+// Rooms only shrink, so what has been missed stays missed until a reset.
 void* palloc_small_slow(qn_pool& pool, uint32_t size, uint32_t alignment) {
+  uint32_t missed = size < hint_of(pool).missed ? 0 : hint_of(pool).missed;
   void* result = nullptr;
-  for (PoolBlock* block = pool.current; block != nullptr; block = block->next) {
-    if (block_carve(*block, size, alignment, &result)) return result;
+  for (PoolBlock* block = &start_of_search(pool, size); block != nullptr; block = block->next) {
+    if (block_carve(*block, size, alignment, &result)) {
+      hint_of(pool) = {block, missed};
+      return result;
+    }
+    const uint32_t least = size_missed(*block);
+    if (missed < least) missed = least;
   }
-  return palloc_block(pool, size, alignment);
+  return palloc_block(pool, size, alignment, missed);
 }
 
 inline void* palloc_small(qn_pool& pool, uint32_t size, uint32_t alignment) {
   void* result = nullptr;
-  return block_carve(*pool.current, size, alignment, &result) ? result
-                                                              : palloc_small_slow(pool, size, alignment);
+  return block_carve(start_of_search(pool, size), size, alignment, &result)
+             ? result
+             : palloc_small_slow(pool, size, alignment);
 }
 
 // A free record among the first few, so that the search stays short however long the list is.
@@ -158,16 +190,18 @@ void* qn::palloc_aligned(qn_pool_t* pool, uint32_t size, uint32_t alignment) {
 
 qn_pool_t* qn_pool_create(uint32_t block_size) {
   if (block_size < sizeof(qn_pool) + sizeof(qn_pool_large_t)) return nullptr;
-  void* const memory = memalign(kBlockAlignment, block_size);
+  if (block_size > SIZE_MAX - sizeof(SearchHint)) return nullptr;
+  void* const memory = memalign(kBlockAlignment, sizeof(SearchHint) + block_size);
   if (memory == nullptr) return nullptr;
 
-  qn_pool* const pool = static_cast<qn_pool*>(memory);
-  uint8_t* const start = static_cast<uint8_t*>(memory);
+  qn_pool* const pool = reinterpret_cast<qn_pool*>(static_cast<SearchHint*>(memory) + 1);
+  uint8_t* const start = reinterpret_cast<uint8_t*>(pool);
   const uint32_t room = block_size - static_cast<uint32_t>(sizeof(qn_pool));
   pool->block = {start + sizeof(qn_pool), start + block_size, nullptr, 0};
   pool->max = room < kMaxCap ? room : kMaxCap;
   pool->current = &pool->block;
   pool->large = nullptr;
+  hint_of(*pool) = {&pool->block, 0};
   return pool;
 }
 
@@ -175,11 +209,12 @@ qn_pool_t* qn_pool_create_default(void) { return qn_pool_create(kDefaultBlockSiz
 
 void qn_pool_free(qn_pool_t* pool) {
   free_large_blocks(*pool);
-  for (PoolBlock* block = &pool->block; block != nullptr;) {
+  for (PoolBlock* block = pool->block.next; block != nullptr;) {
     PoolBlock* const next = block->next;
     free(block);
     block = next;
   }
+  free(&hint_of(*pool));
 }
 
 void qn_pool_reset(qn_pool_t* pool) {
@@ -191,6 +226,7 @@ void qn_pool_reset(qn_pool_t* pool) {
   }
   pool->large = nullptr;
   pool->current = &pool->block;
+  hint_of(*pool) = {&pool->block, 0};
 }
 
 void* qn_palloc(qn_pool_t* pool, uint32_t size) { return qn::palloc_aligned(pool, size, kPoolAlignment); }
