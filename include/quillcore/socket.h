@@ -24,13 +24,18 @@ QN_API int32_t qn_sock_set_nonblock(int32_t fd);
 
 // Makes a listening socket at `server_path`, in place of a socket file left there. The descriptor is
 // blocking, close-on-exec and the caller's. The socket file stays when the descriptor is closed.
-// Returns 0; -1 when a system call fails (logged, 540 to 542) or the path is longer than
+// Returns 0; -1 when a system call fails (logged, 540 to 542) or the path is empty or longer than
 // QN_SOCK_PATH_MAX (logged, 541; nothing is unlinked); -2 for a null argument (logged, 537 or 538).
 QN_API int32_t qn_sock_create_unix_socket_server(const char* server_path, int32_t backlog,
                                                  int32_t* sock_fd);
 
-// Connects to the server at `server_path`. If no socket file is there yet, it waits one second and tries
-// once more. The descriptor is blocking, close-on-exec and the caller's.
+// Connects to the server at `server_path`. If no socket file is there yet, it waits one second, signals
+// or not, and tries once more. The descriptor is blocking, close-on-exec and the caller's.
+//
+// The second is for a missing file only. A file that nobody listens at fails at once: one that a server
+// left behind that has died, and for a moment that of a server which has bound and does not listen yet. A
+// client that starts beside its server therefore tries until a deadline of its own, as service.h shows.
+// Nobody is at an empty path (549).
 // Returns 0; -1 when a system call fails (logged, 548 or 549, with the errno of the first attempt) or
 // the path is longer than QN_SOCK_PATH_MAX; -2 for a null argument (logged, 546 or 547).
 QN_API int32_t qn_sock_connect_unix_socket_server(const char* server_path, int32_t* sock_fd);

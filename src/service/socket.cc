@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -60,7 +61,7 @@ constexpr Trace kTraceClient{kModule, "qn_sock_connect_unix_socket_server", 545,
                              550,     "connect_unix_socket_server"};
 
 constexpr size_t kPathSize = QN_SOCK_PATH_MAX + 1; // one byte less than the address has room for
-constexpr unsigned kRetryDelaySeconds = 1;
+constexpr time_t kGraceSeconds = 1;
 
 static_assert(sizeof(sockaddr_un) == 110 && offsetof(sockaddr_un, sun_path) == 2);
 
@@ -87,6 +88,7 @@ int bind_path(int fd, const char* path) {
   setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
   setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
 
+  if (path[0] == '\0') return EINVAL; // the kernel would choose a name, and no client would know it
   const socklen_t length =
       static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + strlen(address.sun_path));
   return bind(fd, as_sockaddr(address), length) == 0 ? 0 : errno;
@@ -97,7 +99,8 @@ int connect_with_grace(int fd, const sockaddr_un& address) {
   if (connect(fd, as_sockaddr(address), sizeof(address)) == 0) return 0;
   const int error = errno;
   if (error != ENOENT) return error;
-  sleep(kRetryDelaySeconds); // NOLINT(concurrency-mt-unsafe): uses no alarm on Linux
+  struct timespec left = {.tv_sec = kGraceSeconds, .tv_nsec = 0};
+  while (clock_nanosleep(CLOCK_MONOTONIC, 0, &left, &left) == EINTR) continue;
   return connect(fd, as_sockaddr(address), sizeof(address)) == 0 ? 0 : error;
 }
 
