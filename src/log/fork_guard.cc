@@ -5,7 +5,6 @@
 
 #include "log/permission.h"
 #include "platform/guards.h"
-#include "platform/standard_streams.h"
 
 namespace qn {
 namespace {
@@ -31,11 +30,9 @@ void before_fork() {
   pthread_mutex_lock(&g_writers_lock);
   for_each_writer(pthread_mutex_lock);
   permission_maps_each_lock(pthread_mutex_lock);
-  pthread_mutex_lock(&g_standard_streams_lock);
 }
 
 void after_fork() {
-  pthread_mutex_unlock(&g_standard_streams_lock);
   permission_maps_each_lock(pthread_mutex_unlock);
   for_each_writer(pthread_mutex_unlock);
   pthread_mutex_unlock(&g_writers_lock);

@@ -19,9 +19,9 @@
 namespace qn {
 
 // Covers the numbers: two threads at once would take each other's holding for a stream that is open, and
-// then lose it. The innermost of all locks; nothing but descriptors are made under it. Guarded around
-// fork().
-inline constinit pthread_mutex_t g_standard_streams_lock = PTHREAD_MUTEX_INITIALIZER;
+// then lose it. The innermost of all locks; nothing but descriptors are made under it. fork() waits for
+// it, so it also covers a descriptor that is not close-on-exec from birth.
+extern pthread_mutex_t g_standard_streams_lock;
 
 class StandardStreamsHeld {
  public:
@@ -31,6 +31,15 @@ class StandardStreamsHeld {
       if (fcntl(number, F_GETFD) < 0) hold(number);
     }
     if (null_.get() < first) null_.reset();
+  }
+
+  // Whether all numbers from `first` on are open, and none of them is what another thread holds, which is
+  // close-on-exec.
+  static bool are_streams(int first) {
+    for (int number = first; number < kStreams; number++) {
+      if (fcntl(number, F_GETFD) != 0) return false;
+    }
+    return true;
   }
 
   // What a call gave, above the streams even where /dev/null could not be had; -1 where that fails.

@@ -17,6 +17,7 @@
 #include "platform/bounded_string.h"
 #include "platform/error_text.h"
 #include "platform/guards.h"
+#include "platform/standard_streams.h"
 
 namespace {
 
@@ -142,18 +143,24 @@ void table_remove(qn_ev_base_t& base, qn_event_t& event) {
 
 // --- epoll ---
 
-int32_t epoll_watch(const qn_event_t& event) {
+int make_epoll() {
+  const qn::StandardStreamsHeld held;
+  return qn::StandardStreamsHeld::above(epoll_create1(EPOLL_CLOEXEC));
+}
+
+int32_t epoll_set(const qn_event_t& event, int command) {
   epoll_event interest = {};
   interest.events = EPOLLET | EPOLLRDHUP;
   for (const auto& row : kInterests) {
     if ((event.events & row.events) != 0) interest.events |= row.interest;
   }
   interest.data.fd = event.fd;
+  return epoll_ctl(event.base->epoll_op.epfd, command, event.fd, &interest) == 0 ? 0 : -1;
+}
 
-  const int32_t epfd = event.base->epoll_op.epfd;
-  if (epoll_ctl(epfd, EPOLL_CTL_ADD, event.fd, &interest) == 0) return 0;
-  if (errno != EEXIST) return -1;
-  return epoll_ctl(epfd, EPOLL_CTL_MOD, event.fd, &interest) == 0 ? 0 : -1;
+int32_t epoll_watch(const qn_event_t& event) {
+  if (epoll_set(event, EPOLL_CTL_ADD) == 0) return 0;
+  return errno == EEXIST ? epoll_set(event, EPOLL_CTL_MOD) : -1;
 }
 
 uint32_t result_flags(uint32_t ready) {
@@ -202,6 +209,13 @@ void grow_array(qn_epoll_op_t& op, int32_t returned) {
   op.nevents = capacity;
 }
 
+// A peer that closes with something of ours unread is an error, which hides the close, and no other edge
+// comes. With this one the next wait tells the close, once the callback's read has taken the error.
+void ask_again_behind_error(qn_ev_base_t& base, const epoll_event& entry) {
+  constexpr uint32_t kErrorAndClose = EPOLLERR | EPOLLRDHUP;
+  if ((entry.events & kErrorAndClose) == kErrorAndClose) qn_ev_base_rearm(base, entry.data.fd);
+}
+
 // Waits once and puts the events that became ready on the active list. Returns 0, EINTR included, or
 // kDispatchError.
 int32_t qn_event_epoll_dispatch(qn_ev_base_t& base, bool* interrupted) {
@@ -216,6 +230,7 @@ int32_t qn_event_epoll_dispatch(qn_ev_base_t& base, bool* interrupted) {
   for (int32_t i = 0; i < nfds; i++) {
     const uint32_t res = result_flags(op.events[i].events);
     if (res != 0) qn_ev_active_events(base, op.events[i].data.fd, res);
+    ask_again_behind_error(base, op.events[i]);
   }
   grow_array(op, nfds);
   return 0;
@@ -247,7 +262,15 @@ void call_once(qn_event_t& event) {
   QN_LOG(kPeerClosed, event.fd);
 }
 
-void process_event(qn_event_t& event) {
+// Closes the event's descriptor: room for what has waited for one.
+void release_event(qn_ev_base_t& base, qn_event_t& event) {
+  qn_event_free(&event);
+  if (base.fd_to_rearm < 0) return;
+  qn_ev_base_rearm(base, base.fd_to_rearm);
+  base.fd_to_rearm = -1;
+}
+
+void process_event(qn_ev_base_t& base, qn_event_t& event) {
   if ((event.events & QN_EV_PERSIST) != 0 && (event.res & QN_EV_CLOSED) == 0) {
     leave_active_list(event);
   } else {
@@ -259,14 +282,14 @@ void process_event(qn_event_t& event) {
   } else {
     call_once(event);
   }
-  if (event.status == QN_EV_STATUS_DELETED) qn_event_free(&event);
+  if (event.status == QN_EV_STATUS_DELETED) release_event(base, event);
 }
 
 void qn_event_process_active_events(qn_ev_base_t& base) {
   const TraceScope trace(kTraceProcess);
   for (ListLink* link = base.active_list.next; link != &base.active_list;) {
     ListLink* const next = link->next;
-    process_event(event_of_active_link(*link));
+    process_event(base, event_of_active_link(*link));
     const uint8_t running = load_flag(base.ev_running);
     if (running == 0 || base.ev_event_break == 0) {
       QN_LOG(kBatchBroken, running, base.ev_event_break);
@@ -293,7 +316,7 @@ qn_ev_base_t* qn_ev_base_new(qn_cycle_t* cycle) {
   const TraceScope trace(kTraceNew);
   qn::HeapPtr<qn_ev_base_t> base = qn::make_heap<qn_ev_base_t>();
   if (!base) return QN_FAIL(nullptr, kBaseFailed);
-  qn::UniqueFd epfd(epoll_create1(EPOLL_CLOEXEC));
+  qn::UniqueFd epfd(make_epoll());
   qn::HeapPtr<epoll_event> events;
   if (epfd.valid()) {
     events.reset(static_cast<epoll_event*>(qn_alloc(kFirstCapacity * sizeof(epoll_event))));
@@ -302,6 +325,7 @@ qn_ev_base_t* qn_ev_base_new(qn_cycle_t* cycle) {
   qn::list_init(base->active_list);
   qn::list_init(base->event_list);
   base->cycle = cycle;
+  base->fd_to_rearm = -1;
   base->epoll_op = {events.release(), kFirstCapacity, epfd.release()};
   return base.release();
 }
@@ -329,6 +353,14 @@ void qn_ev_base_loop(qn_ev_base_t* base) {
 }
 
 void qn_ev_base_stop(qn_ev_base_t* base) { store_flag(base->ev_running, 0); }
+
+void qn_ev_base_rearm(qn_ev_base_t& base, int32_t fd) {
+  const qn_event_t* event = first_event_of(base, fd);
+  if (event == nullptr) return;
+  // What the kernel watches is what the event added last asked for.
+  while (event->next_same_fd != nullptr) event = event->next_same_fd;
+  epoll_set(*event, EPOLL_CTL_MOD);
+}
 
 void qn_ev_base_free(qn_ev_base_t* base) {
   release_events(*base);

@@ -11,6 +11,9 @@
 // A one-shot event and one whose peer has closed are deleted before their callback runs; after it the
 // descriptor is closed and the record released. So a callback needs no action of its own when a peer
 // closes. A callback must not delete or free another event of its base.
+//
+// A peer that closes with something unread is told twice: as an error, which is input and room at once,
+// and when the callback has read, which takes the error, as closed.
 #ifndef QN_SERVICE_EVENT_BASE_H
 #define QN_SERVICE_EVENT_BASE_H
 
@@ -71,6 +74,7 @@ struct qn_ev_base_t {
   qn::ListLink event_list; // in order of registration
   qn_event_t** by_fd;      // first registered event of each descriptor below by_fd_size
   uint32_t by_fd_size;
+  int32_t fd_to_rearm; // armed anew as soon as the base has closed a descriptor; -1 for none
 };
 
 // Makes a stopped base. Returns null for a null cycle (430) and when memory or descriptors are short
@@ -83,6 +87,10 @@ void qn_ev_base_loop(qn_ev_base_t* base);
 // Makes the loop end at its next wake-up, after the callback that runs then. Wakes nothing. Any thread
 // may call it while the base exists.
 void qn_ev_base_stop(qn_ev_base_t* base);
+
+// Lets the events of a descriptor be told again what it is ready for, as if it had become so just now.
+// A descriptor without an event is ignored.
+void qn_ev_base_rearm(qn_ev_base_t& base, int32_t fd);
 
 // Releases the base and the records of its events. The descriptors of events that are still registered
 // stay open.

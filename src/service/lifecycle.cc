@@ -4,17 +4,22 @@
 #include <quillcore/thread.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include "core/log_record.h"
 #include "core/pool.h"
 #include "platform/bounded_string.h"
 #include "platform/guards.h"
+#include "platform/standard_streams.h"
 #include "service/service.h"
 
 namespace {
 
 using qn::Message;
 using qn::MutexGuard;
+using qn::StandardStreamsHeld;
 using qn::UniqueFd;
 
 constexpr char kModule[] = "qn_service";
@@ -63,17 +68,50 @@ int32_t register_event(qn_event_t* event) {
   return result;
 }
 
+// The listener's next connection, close-on-exec before all else.
+int accept_close_on_exec(int32_t listener, socklen_t* length) {
+  sockaddr_un peer;
+  // NOLINTNEXTLINE(android-cloexec-accept): the flag is set in the next line
+  const int fd = accept(listener, reinterpret_cast<sockaddr*>(&peer), length);
+  if (fd >= 0) fcntl(fd, F_SETFD, FD_CLOEXEC);
+  return fd;
+}
+
+// The same, out of reach of fork() and never as standard output or standard error.
+int accept_connection(int32_t listener, bool streams_are_open, socklen_t* length) {
+  int fd = -1;
+  if (streams_are_open) {
+    const MutexGuard guard(qn::g_standard_streams_lock);
+    fd = accept_close_on_exec(listener, length);
+  } else {
+    const StandardStreamsHeld held(STDOUT_FILENO);
+    fd = accept_close_on_exec(listener, length);
+  }
+  return fd == STDIN_FILENO ? fd : StandardStreamsHeld::above(fd);
+}
+
+// Accepting has ended. What is queued still gets no edge of its own any more.
+int32_t leave_queue(qn_ev_base_t& base, int32_t listener, int last, int error) {
+  if (last == STDIN_FILENO) {
+    // In a process that has closed its standard input one connection stays there, open and unserved;
+    // those behind it get other numbers.
+    qn_ev_base_rearm(base, listener);
+  } else {
+    base.fd_to_rearm = error == EAGAIN ? -1 : listener;
+  }
+  return 0;
+}
+
 // Edges are reported once, so it takes all connections that are queued.
 int32_t qn_service_accept(int32_t listener, uint16_t /*flags*/, void* arg) {
   qn_service_t& service = *static_cast<qn_service_t*>(arg);
+  // Asked once a wake-up, not for each connection.
+  const bool streams_are_open = StandardStreamsHeld::are_streams(STDOUT_FILENO);
   socklen_t length = sizeof(sockaddr_un);
   for (;;) {
-    sockaddr_un peer;
-    // NOLINTNEXTLINE(android-cloexec-accept): the flag is set two lines below
-    UniqueFd fd(accept(listener, reinterpret_cast<sockaddr*>(&peer), &length));
-    if (fd.get() < 1) return 0;
+    UniqueFd fd(accept_connection(listener, streams_are_open, &length));
+    if (fd.get() < 1) return leave_queue(*service.base, listener, fd.release(), errno);
     qn_sock_set_nonblock(fd.get());
-    fcntl(fd.get(), F_SETFD, FD_CLOEXEC);
     qn_event_t* const event = make_event(service, fd, qn_service_process_msg);
     if (event == nullptr) {
       QN_LOG(kAcceptEventFailed);

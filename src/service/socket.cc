@@ -15,11 +15,13 @@
 #include "platform/bounded_string.h"
 #include "platform/error_text.h"
 #include "platform/guards.h"
+#include "platform/standard_streams.h"
 
 namespace {
 
 using qn::ErrorText;
 using qn::Message;
+using qn::StandardStreamsHeld;
 using qn::Trace;
 using qn::UniqueFd;
 
@@ -66,7 +68,10 @@ constexpr time_t kGraceSeconds = 1;
 static_assert(sizeof(sockaddr_un) == 110 && offsetof(sockaddr_un, sun_path) == 2);
 
 // Close-on-exec from birth: another thread may fork and exec at any moment.
-UniqueFd make_socket() { return UniqueFd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)); }
+UniqueFd make_socket() {
+  const StandardStreamsHeld held;
+  return UniqueFd(StandardStreamsHeld::above(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)));
+}
 
 bool make_address(const char* path, sockaddr_un* address) {
   *address = {};
@@ -83,12 +88,12 @@ const sockaddr* as_sockaddr(const sockaddr_un& address) {
 int bind_path(int fd, const char* path) {
   sockaddr_un address;
   if (!make_address(path, &address)) return ENAMETOOLONG;
+  if (path[0] == '\0') return EINVAL; // the kernel would choose a name, and no client would know it
   unlink(path);
   const int on = 1;
   setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
   setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
 
-  if (path[0] == '\0') return EINVAL; // the kernel would choose a name, and no client would know it
   const socklen_t length =
       static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + strlen(address.sun_path));
   return bind(fd, as_sockaddr(address), length) == 0 ? 0 : errno;

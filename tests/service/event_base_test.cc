@@ -250,6 +250,27 @@ TEST_F(EventBase, TellsWhatBecameReady) {
   }
 }
 
+TEST_F(EventBase, TellsACloseThatAnErrorHasHidden) {
+  const Ends ends = message_pair();
+  Watch& event = watch(ends.near, kPersistentRead);
+  Watch& last = watch(ends.near, QN_EV_WRITE | QN_EV_PERSIST);
+  run(); // room
+  event.flags.clear();
+  char byte;
+  event.action = [&] { EXPECT_GT(1, read(ends.near, &byte, 1)) << "takes the error"; };
+  write_bytes(ends.near, "unread");
+  close(ends.far);
+  run();
+  EXPECT_EQ(Flags{QN_EV_READ | QN_EV_WRITE}, event.flags);
+  run();
+  EXPECT_EQ((Flags{QN_EV_READ | QN_EV_WRITE, QN_EV_WRITE | QN_EV_CLOSED}), event.flags)
+      << "and room: what was asked for last";
+  EXPECT_FALSE(is_open(ends.near));
+  qn_event_del(last.event);
+  last.event->fd = -1; // the other event owned it
+  qn_event_free(last.event);
+}
+
 TEST_F(EventBase, ReportsAnEdgeOnce) {
   const Ends ends = message_pair();
   Watch& event = watch(ends.near, kPersistentRead);

@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -13,6 +14,7 @@
 #include <filesystem>
 #include <functional>
 
+#include "platform/standard_streams.h"
 #include "service/running.h"
 #include "service/service.h"
 #include "support/capture.h"
@@ -202,26 +204,79 @@ TEST_F(Lifecycle, AcceptsAllConnectionsOfOneWakeUp) {
   for (const Client& one : queued) expect_served(one);
 }
 
-TEST_F(Lifecycle, ConnectionsBeyondTheDescriptorLimitWaitForTheNextOne) {
+TEST_F(Lifecycle, ConnectionsBeyondTheDescriptorLimitWaitForACloseOrTheNextOne) {
   ASSERT_EQ(0, start());
   const Client client(services_.path(0));
+  Client idle(services_.path(0));
+  expect_served(idle);
   rlimit before;
   getrlimit(RLIMIT_NOFILE, &before);
+  const auto queue_one = [&] {
+    Held held(client, meeting_, request(kHold, 1, 1));
+    auto queued = std::make_unique<Client>(services_.path(0));
+    queued->send(request(kEcho, 1, 2));
+    const rlimit none = {1, before.rlim_max}; // poll() takes no more entries than this
+    setrlimit(RLIMIT_NOFILE, &none);
+    held.release();
+    EXPECT_EQ(response(kHold, 0, 1, 1, "held"), client.receive());
+    expect_served(client);
+    setrlimit(RLIMIT_NOFILE, &before);
+    expect_served(client);
+    EXPECT_EQ("(nothing)", queued->received());
+    return queued;
+  };
+  const auto first = queue_one();
+  idle.hang_up();
+  EXPECT_EQ(response(kEcho, 0, 1, 2), first->receive());
+
+  const auto second = queue_one();
+  const Client next(services_.path(0));
+  EXPECT_EQ(response(kEcho, 0, 1, 2), second->receive());
+  expect_served(next);
+}
+
+// Of a process without standard input and standard error.
+TEST_F(Lifecycle, LeavesOneConnectionOnStandardInputAndNoneOnTheOtherStreams) {
+  ASSERT_EQ(0, start());
+  const Client client(services_.path(0));
   Held held(client, meeting_, request(kHold, 1, 1));
-  const Client queued(services_.path(0));
-  queued.send(request(kEcho, 1, 2));
-  const rlimit none = {1, before.rlim_max}; // poll() takes no more entries than this
-  setrlimit(RLIMIT_NOFILE, &none);
+  const Client queued[3] = {Client(services_.path(0)), Client(services_.path(0)),
+                            Client(services_.path(0))};
+  const int input = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 100);
+  const int error = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 100);
+  close(STDIN_FILENO);
+  close(STDERR_FILENO);
   held.release();
   EXPECT_EQ(response(kHold, 0, 1, 1, "held"), client.receive());
+  for (const int i : {1, 2}) expect_served(queued[i]);
+  queued[0].send(request(kEcho, 1, 1));
   expect_served(client);
-  setrlimit(RLIMIT_NOFILE, &before);
-  expect_served(client);
-  EXPECT_EQ("(nothing)", queued.received());
+  EXPECT_EQ("(nothing)", queued[0].received());
+  EXPECT_EQ(FD_CLOEXEC, fcntl(STDIN_FILENO, F_GETFD));
+  EXPECT_EQ(-1, fcntl(STDERR_FILENO, F_GETFD));
+  dup2(input, STDIN_FILENO);
+  dup2(error, STDERR_FILENO);
+  close(input);
+  close(error);
+}
 
-  const Client next(services_.path(0));
-  EXPECT_EQ(response(kEcho, 0, 1, 2), queued.receive());
-  expect_served(next);
+TEST_F(Lifecycle, ChildrenOfForkGetNoConnectionAcrossExecAndNoLock) {
+  ASSERT_EQ(0, start());
+  const std::set<int> inherited = open_descriptors();
+  std::jthread caller([this](const std::stop_token& done) {
+    while (!done.stop_requested()) const Client client(services_.path(0));
+  });
+  for (int i = 0; i < 200; i++) {
+    const pid_t child = fork();
+    if (child == 0) {
+      int kept = pthread_mutex_trylock(&qn::g_standard_streams_lock);
+      for (int fd = 0; fd < 1000; fd++) kept += !inherited.contains(fd) && fcntl(fd, F_GETFD) == 0;
+      _exit(kept);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    ASSERT_EQ(0, status) << i;
+  }
 }
 
 TEST_F(Lifecycle, TenServicesRunAtOnce) {

@@ -8,10 +8,12 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <functional>
 
+#include "service/event_base.h"
 #include "service/running.h"
 #include "support/capture.h"
 
@@ -104,6 +106,22 @@ TEST_F(Socket, ServerAndClientReachEachOther) {
   EXPECT_EQ(Told{}, told(silence.records())) << "a file left there is replaced";
 }
 
+TEST_F(Socket, StaysOffTheStandardStreams) {
+  const int input = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 100);
+  close(STDIN_FILENO);
+  const std::string path = dir_.file("socket");
+  qn_cycle_t cycle = {};
+  qn_ev_base_t* const base = qn_ev_base_new(&cycle);
+  const int listener = server(path), near = client(path);
+  EXPECT_EQ(-1, fcntl(STDIN_FILENO, F_GETFD));
+  EXPECT_LT(STDERR_FILENO, std::min({base->epoll_op.epfd, listener, near}));
+  qn_ev_base_free(base);
+  close(listener);
+  close(near);
+  dup2(input, STDIN_FILENO);
+  close(input);
+}
+
 TEST_F(Socket, ReportsWhatFails) {
   const std::string path = dir_.file("socket"), absent = dir_.file("none/socket");
   const std::string too_long = path_of(QN_SOCK_PATH_MAX + 1);
@@ -144,6 +162,7 @@ TEST_F(Socket, ReportsWhatFails) {
        [&] { return without_descriptors([&] { return create(path); }); }},
       {-1, bind_failed + absent + ", errno=(2,No such file or directory)",
        [&] { return create(absent); }},
+      {-1, bind_failed + ", errno=(22,Invalid argument)", [&] { return create(""); }},
       {-1, bind_failed + too_long + ", errno=(36,File name too long)", [&] { return create(too_long); }},
       {-2, "546 W socket connect_uds: server_path is null.",
        [] { return qn_sock_connect_unix_socket_server(nullptr, nullptr); }},
@@ -162,7 +181,6 @@ TEST_F(Socket, ReportsWhatFails) {
   const GateAt warnings(QN_LOG_W);
   for (const auto& row : rows) {
     SCOPED_TRACE(row.told);
-      {-1, bind_failed + ", errno=(22,Invalid argument)", [&] { return create(""); }},
     StderrCapture capture;
     EXPECT_EQ(row.result, row.call());
     EXPECT_EQ(row.told.empty() ? Told{} : Told{row.told}, told(capture.records()));
