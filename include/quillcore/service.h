@@ -8,6 +8,12 @@
 //
 // The whole of a request is at most 3072 bytes, so its body at most 3061, whatever max_msg_len says.
 //
+// A client that cannot be accepted because the process is out of descriptors waits in the socket's queue.
+// The queue is looked at again when one of the service's connections closes and when the next client
+// connects. A service without a connection whose queue is full (`backlog`) sees neither and stays deaf:
+// leave room below the limit for as many clients as you expect. One client is accepted as descriptor 0
+// and never served by a process that has closed its standard input: step 0 of docs/bring-up.md.
+//
 // Threads: a service has one detached thread that runs its handlers one at a time; a handler that
 // blocks, blocks its service. Handlers of different services run at once. SIGPIPE should be ignored in
 // the process: a response to a client that is gone raises it otherwise.
@@ -66,6 +72,15 @@ typedef struct qn_service_conf {
 // logged later (540 to 542, then 580 and 584), and so is one to make the loop (581, 582). -1 when the
 // thread was not created (logged, 605); -2 for a null cycle or configuration and when the pool has no
 // memory. A null `apis` serves nothing.
+//
+// Whether it serves tells a connection, tried until a deadline:
+//
+//   for (int tries = 0; tries < 500; tries++, usleep(10000)) {
+//     if (qn_file_is_exist(path) && qn_sock_connect_unix_socket_server(path, &fd) == 0) break;
+//   }
+//
+// One attempt does not: a file left by a process that has died refuses until the thread has replaced it,
+// and where there is no file a connect takes a whole second.
 QN_API int32_t qn_service_start_with_thread(qn_cycle_t* cycle, const qn_service_conf_t* conf,
                                             const qn_apis_t* apis, pthread_t* thread);
 
