@@ -1,56 +1,26 @@
-// What hubd does on the bus. Everything but the start runs on the bus thread.
-#include "bus_handlers.h"
-
+// What hubd does on the bus: it listens to the mesh and keeps the last thing it heard. Everything but the
+// start runs on the bus thread.
 #include <inttypes.h>
 #include <libubox/blobmsg.h>
-#include <quillcore/bus.h>
-#include <quillcore/log.h>
-#include <stdarg.h>
 #include <stdio.h>
+#include <string.h>
+
+#include "hubd.h"
 
 // Handlers get no argument of their own, and there is one bus for a process.
 static hub_store_t* hub_of_the_bus;
 
-// A text that is cut where it is full.
-typedef struct text {
-  char bytes[512];
-  size_t len;
-} text_t;
-
-QN_PRINTF(2, 3) static void add(text_t* text, const char* fmt, ...) {
-  va_list args;
-  va_start(args, fmt);
-  const int len = vsnprintf(text->bytes + text->len, sizeof(text->bytes) - text->len, fmt, args);
-  va_end(args);
-  if (len > 0) text->len += (size_t)len;
-  if (text->len >= sizeof(text->bytes)) text->len = sizeof(text->bytes) - 1;
-}
-
-// Nested fields are only named: what they hold is for a daemon that knows the event.
-static void add_field(text_t* text, struct blob_attr* field) {
-  add(text, " %s=", blobmsg_name(field));
-  switch (blobmsg_type(field)) {
-    case BLOBMSG_TYPE_STRING:
-      add(text, "%s", blobmsg_get_string(field));
-      break;
-    case BLOBMSG_TYPE_INT8:
-      add(text, "%u", blobmsg_get_u8(field));
-      break;
-    case BLOBMSG_TYPE_INT16:
-      add(text, "%u", blobmsg_get_u16(field));
-      break;
-    case BLOBMSG_TYPE_INT32:
-      add(text, "%" PRId32, (int32_t)blobmsg_get_u32(field));
-      break;
-    case BLOBMSG_TYPE_INT64:
-      add(text, "%" PRId64, (int64_t)blobmsg_get_u64(field));
-      break;
-    case BLOBMSG_TYPE_DOUBLE:
-      add(text, "%g", blobmsg_get_double(field));
-      break;
-    default:
-      add(text, "...");
-      break;
+// Appends " name=value" as far as there is room. What other types hold is for a daemon that knows the
+// event.
+static void add_field(char* text, size_t size, struct blob_attr* field) {
+  const size_t len = strlen(text);
+  const char* name = blobmsg_name(field);
+  if (blobmsg_type(field) == BLOBMSG_TYPE_STRING) {
+    snprintf(text + len, size - len, " %s=%s", name, blobmsg_get_string(field));
+  } else if (blobmsg_type(field) == BLOBMSG_TYPE_INT32) {
+    snprintf(text + len, size - len, " %s=%" PRId32, name, (int32_t)blobmsg_get_u32(field));
+  } else {
+    snprintf(text + len, size - len, " %s=...", name);
   }
 }
 
@@ -59,20 +29,20 @@ static void on_event(struct ubus_context* ctx, struct ubus_event_handler* ev, co
                      struct blob_attr* msg) {
   (void)ctx;
   (void)ev;
-  text_t text = {.len = 0};
-  add(&text, "%s", type);
+  char text[512];
+  snprintf(text, sizeof(text), "%s", type);
   struct blob_attr* field;
   size_t rem;
   blobmsg_for_each_attr(field, msg, rem) {
-    if (blobmsg_check_attr(field, true)) add_field(&text, field); // whatever the bus brings is checked
+    if (blobmsg_check_attr(field, true)) add_field(text, sizeof(text), field); // whatever the bus brings
   }
   // The log has a line for each record, whatever the bus brings.
-  for (char* byte = text.bytes; *byte != '\0'; byte++) {
+  for (char* byte = text; *byte != '\0'; byte++) {
     if ((unsigned char)*byte < ' ') *byte = '?';
   }
-  qn_log_core_adpater(QN_LOG_I, 9004, "hubd", 1, 1, "hubd_event", "event %s", text.bytes);
-  if (hub_store_put_text(hub_of_the_bus, HUB_LAST_EVENT, text.bytes) != 0) {
-    qn_log_core_adpater(QN_LOG_W, 9005, "hubd", 1, 1, "hubd_event", "the event could not be kept.");
+  HUB_LOG(QN_LOG_I, 9004, "hubd_event", "event %s", text);
+  if (hub_store_put_event(hub_of_the_bus, text) != 0) {
+    HUB_LOG(QN_LOG_W, 9005, "hubd_event", "the event could not be kept.");
   }
 }
 

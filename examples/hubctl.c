@@ -1,264 +1,204 @@
 // hubctl: asks hubd from the command line.
 //
-//   hubctl --socket PATH [--source config|monitor] [--timeout MS] COMMAND [ARGUMENT ...]
+//   hubctl --socket PATH COMMAND [WORD ...]
 //
-// The commands are in the table at the end. The answer goes to standard output, records of the library
-// to standard error. The exit status is 0 only if everything held; the others are in bulk.h.
+// The commands are in the table below; hub_protocol.h has their words. The answer goes to standard
+// output; reasons, and records of the library, to standard error.
+#include <errno.h>
 #include <inttypes.h>
-#include <quillcore/log.h>
-#include <quillcore/utility.h>
+#include <quillcore/socket.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
-#include "bulk.h"
-#include "hub_client.h"
-#include "inspect.h"
+#include "hub_protocol.h"
 
-#define COUNT_OF(array) (sizeof(array) / sizeof((array)[0]))
+#define TIMEOUT_S 5 // a put waits for the disk
 
-struct command {
+// How a request ended, which is the exit status, too.
+enum {
+  DONE = 0,
+  REFUSED = 1,  // or not as it should be
+  USAGE = 2,    // wrong arguments, an unreadable file, nobody listens
+  NO_ANSWER = 3 // in time; it may have been done or not
+};
+
+static struct {
+  qn_msg_hdr_t header; // packed: the body is right behind it
+  char body[65535];
+  uint32_t body_len;
+} answer; // to the last request
+
+// One send() is one message, and one recv() is one.
+static int exchange(int fd, uint8_t msg_type, uint16_t source, const char* body, size_t body_len) {
+  static uint32_t last_id;
+  uint8_t message[QN_MSG_SIZE_MAX];
+  const qn_msg_hdr_t header = {msg_type, QN_MSG_ACT_REQ, 0, source, (uint16_t)body_len, ++last_id};
+  if (body_len > HUB_BODY_MAX) return USAGE;
+  memcpy(message, &header, sizeof(header));
+  memcpy(message + sizeof(header), body, body_len);
+
+  // MSG_NOSIGNAL: a hubd that is gone is an error of this call and not a SIGPIPE.
+  const ssize_t size = (ssize_t)(sizeof(header) + body_len);
+  if (send(fd, message, (size_t)size, MSG_NOSIGNAL) != size) return NO_ANSWER;
+  const ssize_t got = recv(fd, &answer, sizeof(answer.header) + sizeof(answer.body), 0);
+  // The number ties an answer to its request.
+  if (got < (ssize_t)sizeof(header) || answer.header.msg_act != QN_MSG_ACT_RSP ||
+      answer.header.msg_id != header.msg_id || answer.header.msg_len != got - (ssize_t)sizeof(header)) {
+    return NO_ANSWER;
+  }
+  answer.body_len = answer.header.msg_len;
+  return answer.header.msg_err == QN_MSG_ERR_OK ? DONE : REFUSED;
+}
+
+// The code of a refusal, 0 if it has none.
+static uint32_t error_code(void) {
+  uint32_t code = 0;
+  if (answer.body_len > sizeof(code)) memcpy(&code, answer.body, sizeof(code));
+  return code;
+}
+
+// Tells why a request about `what` was not done.
+static int report(int result, const char* what) {
+  if (result == USAGE) fprintf(stderr, "%s: too long for a request\n", what);
+  if (result == NO_ANSWER) fprintf(stderr, "%s: no answer\n", what);
+  if (result == REFUSED) {
+    const uint32_t code = error_code();
+    const int text_len = code != 0 ? (int)(answer.body_len - sizeof(code)) : 0;
+    fprintf(stderr, "%s: refused, msg_err=%u, code %" PRIu32 ": %.*s\n", what, answer.header.msg_err,
+            code, text_len, answer.body + sizeof(code));
+  }
+  return result;
+}
+
+// --- A settings file: lines of KEY=VALUE, blank lines, and lines that begin with '#'.
+
+typedef int use_line_t(int fd, char* line, const char* value, size_t value_len);
+
+// Puts a line and prints it when that is acknowledged.
+static int put_line(int fd, char* key, const char* value, size_t value_len) {
+  const int result = exchange(fd, HUB_MSG_PUT, HUB_SRC_CONFIG, key, (size_t)(value - key) + value_len);
+  if (result != DONE) return report(result, key);
+  printf("%s=%s\n", key, value);
+  return fflush(stdout) == 0 ? DONE : USAGE;
+}
+
+// A store tells no more of an empty value than that its key is there.
+static int compare_line(int fd, char* key, const char* value, size_t value_len) {
+  const int result = exchange(fd, HUB_MSG_GET, HUB_SRC_MONITOR, key, strlen(key));
+  if (result == REFUSED && value_len == 0 && error_code() == HUB_ERR_NO_VALUE) return DONE;
+  if (result != DONE) return report(result, key);
+  if (answer.body_len == value_len && memcmp(answer.body, value, value_len) == 0) return DONE;
+  fprintf(stderr, "%s: another value\n", key);
+  return REFUSED;
+}
+
+// Goes through the file up to the first line without an answer. Prints how many were not done.
+static int each_line(int fd, const char* path, use_line_t* use_line) {
+  FILE* file = fopen(path, "re");
+  if (file == NULL) {
+    fprintf(stderr, "%s: %s\n", path, strerror(errno));
+    return USAGE;
+  }
+  char* line = NULL;
+  size_t size = 0, count = 0, failed = 0;
+  int result = DONE;
+  ssize_t len;
+  while (result != NO_ANSWER && (len = getline(&line, &size, file)) >= 0) {
+    if (len > 0 && line[len - 1] == '\n') line[--len] = '\0';
+    if (len == 0 || line[0] == '#') continue;
+    char* equals = memchr(line, '=', (size_t)len);
+    if (equals == NULL) fprintf(stderr, "%s: no KEY=VALUE\n", line);
+    if (equals != NULL) *equals = '\0'; // which is what stands between the words of a request
+    result = equals != NULL ? use_line(fd, line, equals + 1, (size_t)(line + len - equals - 1)) : USAGE;
+    count++;
+    failed += result != DONE;
+  }
+  failed += ferror(file) != 0;
+  free(line);
+  fclose(file);
+  // Behind the settings that were put it would be one more line of them.
+  fprintf(use_line == put_line ? stderr : stdout, "%zu settings, %zu failed\n", count, failed);
+  if (result == NO_ANSWER) return NO_ANSWER;
+  return failed == 0 && count != 0 ? DONE : REFUSED;
+}
+
+// --- Commands.
+
+static const struct command {
   const char* name;
-  int arg_count;
-  const char* args;
-  int (*run)(hub_client_t* client, char** args);
+  const char* words;
+  int words_min, words_max;
+  uint8_t msg_type;
+  uint16_t source;
+  use_line_t* use_line; // not null: the word is a settings file
+} commands[] = {
+    {"put", "KEY VALUE", 2, 2, HUB_MSG_PUT, HUB_SRC_CONFIG, NULL},
+    {"get", "KEY", 1, 1, HUB_MSG_GET, HUB_SRC_MONITOR, NULL},
+    {"delete", "KEY", 1, 1, HUB_MSG_DELETE, HUB_SRC_CONFIG, NULL},
+    {"load", "FILE", 1, 1, 0, 0, put_line},
+    {"verify", "FILE", 1, 1, 0, 0, compare_line},
+    {"log",
+     "reset | level ROLE LETTER | logid ROLE NUMBER on|off | biz ROLE NAME on|off |\n"
+     "      console ROLE on|off | trace ROLE on|off",
+     1, 4, HUB_MSG_LOG, HUB_SRC_CONFIG, NULL},
+    {"interfaces", "", 0, 0, HUB_MSG_INTERFACES, HUB_SRC_MONITOR, NULL},
+    {"pair", "NAME PEER BRIDGE", 3, 3, HUB_MSG_PAIR, HUB_SRC_CONFIG, NULL},
+    {"child", "status|start|stop", 1, 1, HUB_MSG_CHILD, HUB_SRC_CONFIG, NULL},
 };
-
-// Prints how a request ended and gives the exit status for it.
-static int report(hub_result_t result, const hub_answer_t* answer) {
-  if (result == HUB_DONE) {
-    printf("done, %" PRIu32 " bytes of answer\n", answer->body_len);
-    return EXIT_HELD;
-  }
-  if (result == HUB_NO_ANSWER) {
-    printf("no answer\n");
-    return EXIT_NO_ANSWER;
-  }
-  const char* text;
-  const uint32_t code = hub_error(answer, &text);
-  if (code == 0) {
-    printf("refused, msg_err=%u\n", answer->msg_err);
-  } else {
-    printf("refused, msg_err=%u, code %" PRIu32 ": %s\n", answer->msg_err, code, text);
-  }
-  return EXIT_NOT_HELD;
-}
-
-static int run_put(hub_client_t* client, char** args) {
-  hub_answer_t answer;
-  return report(hub_put(client, args[0], args[1], strlen(args[1]), &answer), &answer);
-}
-
-static int run_get(hub_client_t* client, char** args) {
-  hub_answer_t answer;
-  const hub_result_t result = hub_get(client, args[0], &answer);
-  if (result != HUB_DONE) return report(result, &answer);
-  fwrite(answer.body, 1, answer.body_len, stdout);
-  putchar('\n');
-  return EXIT_HELD;
-}
-
-static int run_delete(hub_client_t* client, char** args) {
-  hub_answer_t answer;
-  return report(hub_delete(client, args[0], &answer), &answer);
-}
-
-static int run_count(hub_client_t* client, char** args) {
-  (void)args;
-  hub_answer_t answer;
-  const hub_result_t result = hub_count(client, &answer);
-  if (result != HUB_DONE) return report(result, &answer);
-
-  uint32_t number;
-  if (answer.body_len != sizeof(number)) {
-    printf("an answer of %" PRIu32 " bytes\n", answer.body_len);
-    return EXIT_NOT_HELD;
-  }
-  memcpy(&number, answer.body, sizeof(number));
-  printf("%" PRIu32 "\n", number);
-  return EXIT_HELD;
-}
-
-static int run_load(hub_client_t* client, char** args) { return bulk_load(client, args[0]); }
-
-static int run_verify(hub_client_t* client, char** args) { return bulk_verify(client, args[0]); }
-
-static int run_series(hub_client_t* client, char** args) {
-  const int32_t count = qn_str2num(args[0], 10);
-  const int32_t tell_after = qn_str2num(args[1], 10);
-  if (count <= 0 || tell_after <= 0) return EXIT_USAGE;
-  return bulk_series(client, (size_t)count, (size_t)tell_after, args[2], args[3]);
-}
-
-static int run_verify_series(hub_client_t* client, char** args) {
-  const int32_t acked = qn_str2num(args[0], 10);
-  if (acked <= 0) return EXIT_USAGE;
-  return bulk_verify_series(client, (size_t)acked, args[1], args[2]);
-}
-
-static int change_log(hub_client_t* client, uint8_t step, const char* role, const char* what,
-                      const char* value) {
-  hub_answer_t answer;
-  const char* const texts[] = {role, what, value};
-  return report(hub_tell(client, HUB_MSG_LOG, &step, texts, COUNT_OF(texts), &answer), &answer);
-}
-
-static int run_log_level(hub_client_t* client, char** args) {
-  return change_log(client, QN_LOG_PERMIT_LEVEL, args[0], "", args[1]);
-}
-
-static int run_log_console(hub_client_t* client, char** args) {
-  return change_log(client, QN_LOG_PERMIT_CONSOLE, args[0], "", args[1]);
-}
-
-static int run_log_trace(hub_client_t* client, char** args) {
-  return change_log(client, QN_LOG_PERMIT_TRACE, args[0], "", args[1]);
-}
-
-static int run_log_logid(hub_client_t* client, char** args) {
-  return change_log(client, QN_LOG_PERMIT_LOGID, args[0], args[1], args[2]);
-}
-
-static int run_log_biz(hub_client_t* client, char** args) {
-  return change_log(client, QN_LOG_PERMIT_BIZ, args[0], args[1], args[2]);
-}
-
-static int run_log_reset(hub_client_t* client, char** args) {
-  (void)args;
-  return change_log(client, HUB_LOG_RESET, "", "", "");
-}
-
-// A request that was done has printed what it shows.
-static int report_unless_done(hub_result_t result, const hub_answer_t* answer) {
-  return result == HUB_DONE ? EXIT_HELD : report(result, answer);
-}
-
-static int run_interfaces(hub_client_t* client, char** args) {
-  (void)args;
-  hub_answer_t answer;
-  return report_unless_done(inspect_interfaces(client, &answer), &answer);
-}
-
-static int run_child(hub_client_t* client, char** args) {
-  static const char* const steps[] = {[HUB_CHILD_STATUS] = "status",
-                                      [HUB_CHILD_STOP] = "stop",
-                                      [HUB_CHILD_START] = "start",
-                                      [HUB_CHILD_RESTART] = "restart"};
-  hub_answer_t answer;
-  for (uint8_t step = 0; step < COUNT_OF(steps); step++) {
-    if (strcmp(args[0], steps[step]) == 0) {
-      return report_unless_done(inspect_child(client, step, &answer), &answer);
-    }
-  }
-  fprintf(stderr, "hubctl: child takes status, stop, start or restart\n");
-  return EXIT_USAGE;
-}
-
-static int run_pair(hub_client_t* client, char** args) {
-  const char* const texts[] = {args[0], args[1], args[2]};
-  hub_answer_t answer;
-  return report(hub_tell(client, HUB_MSG_PAIR, NULL, texts, COUNT_OF(texts), &answer), &answer);
-}
-
-// The words behind "log".
-static const struct command log_commands[] = {
-    {"level", 2, "ROLE LETTER", run_log_level},  {"logid", 3, "ROLE NUMBER on|off", run_log_logid},
-    {"biz", 3, "ROLE NAME on|off", run_log_biz}, {"console", 2, "ROLE on|off", run_log_console},
-    {"trace", 2, "ROLE on|off", run_log_trace},  {"reset", 0, "", run_log_reset},
-};
-
-// A message as it should not be: TYPE and LEN go into the header, BODY is sent as it is.
-static int run_raw(hub_client_t* client, char** args) {
-  const int32_t type = qn_str2num(args[0], 10);
-  const int32_t len = qn_str2num(args[1], 10);
-  if (type < 0 || type > UINT8_MAX || len < 0 || len > UINT16_MAX) return EXIT_USAGE;
-
-  hub_answer_t answer;
-  const size_t body_len = strlen(args[2]);
-  return report(hub_exchange(client, (uint8_t)type, args[2], body_len, (uint16_t)len, &answer), &answer);
-}
-
-static const struct command commands[] = {
-    {"put", 2, "KEY VALUE", run_put},
-    {"get", 1, "KEY", run_get},
-    {"delete", 1, "KEY", run_delete},
-    {"count", 0, "", run_count},
-    {"interfaces", 0, "", run_interfaces},
-    {"child", 1, "status|stop|start|restart", run_child},
-    {"pair", 3, "NAME PEER BRIDGE", run_pair},
-    {"load", 1, "FILE", run_load},
-    {"verify", 1, "FILE", run_verify},
-    {"series", 4, "COUNT TELL_AFTER FILE OTHER", run_series},
-    {"verify-series", 3, "ACKED FILE OTHER", run_verify_series},
-    {"raw", 3, "TYPE LEN BODY", run_raw},
-};
-
-static const struct source {
-  const char* name;
-  uint16_t bit;
-} sources[] = {{"config", HUB_SRC_CONFIG}, {"monitor", HUB_SRC_MONITOR}};
+#define COMMAND_COUNT (sizeof(commands) / sizeof(commands[0]))
 
 static int usage(void) {
-  fprintf(stderr, "usage: hubctl --socket PATH [--source config|monitor] [--timeout MS] COMMAND\n");
-  for (size_t i = 0; i < COUNT_OF(commands); i++) {
-    fprintf(stderr, "  %s %s\n", commands[i].name, commands[i].args);
-  }
-  for (size_t i = 0; i < COUNT_OF(log_commands); i++) {
-    fprintf(stderr, "  log %s %s\n", log_commands[i].name, log_commands[i].args);
-  }
-  return EXIT_USAGE;
+  fprintf(stderr, "usage: hubctl --socket PATH COMMAND [WORD ...]\n");
+  for (size_t i = 0; i < COMMAND_COUNT; i++)
+    fprintf(stderr, "  %s %s\n", commands[i].name, commands[i].words);
+  return USAGE;
 }
 
-// Finds the command that the words name, and how many words that takes. Returns null for none.
-static const struct command* find_command(char** words, int count, int* taken) {
-  const int is_log = strcmp(words[0], "log") == 0 && count > 1;
-  const struct command* row = is_log ? log_commands : commands;
-  const struct command* end = row + (is_log ? COUNT_OF(log_commands) : COUNT_OF(commands));
-  *taken = is_log ? 2 : 1;
-  for (; row < end; row++) {
-    if (strcmp(row->name, words[*taken - 1]) == 0 && row->arg_count == count - *taken) return row;
+static const struct command* find_command(const char* name, int words) {
+  for (size_t i = 0; i < COMMAND_COUNT; i++) {
+    const struct command* row = &commands[i];
+    if (strcmp(row->name, name) == 0 && words >= row->words_min && words <= row->words_max) return row;
   }
   return NULL;
 }
 
-// Returns the sender's bit, 0 for an unknown name.
-static uint16_t find_source(const char* name) {
-  for (size_t i = 0; i < COUNT_OF(sources); i++) {
-    if (strcmp(sources[i].name, name) == 0) return sources[i].bit;
+// Sends the words as they are, with a NUL between each two, and prints the answer.
+static int send_words(int fd, const struct command* command, char** words, int count) {
+  char body[HUB_BODY_MAX];
+  size_t len = 0;
+  for (int i = 0; i < count; i++) {
+    const size_t word_len = strlen(words[i]) + (i + 1 < count); // with its NUL unless it is the last one
+    if (word_len > sizeof(body) - len) return report(USAGE, words[i]);
+    memcpy(body + len, words[i], word_len);
+    len += word_len;
   }
-  return 0;
+  const int result = exchange(fd, command->msg_type, command->source, body, len);
+  if (result != DONE) return report(result, command->name);
+  fwrite(answer.body, 1, answer.body_len, stdout);
+  if (answer.body_len != 0 && answer.body[answer.body_len - 1] != '\n') putchar('\n');
+  return fflush(stdout) == 0 && !ferror(stdout) ? DONE : USAGE;
 }
 
 int main(int argc, char** argv) {
-  const char* path = NULL;
-  const char* source_name = "config";
-  const char* timeout = "5000"; // a put waits for the disk
-  int next = 1;
-  for (; next + 1 < argc && strncmp(argv[next], "--", 2) == 0; next += 2) {
-    if (strcmp(argv[next], "--socket") == 0) {
-      path = argv[next + 1];
-    } else if (strcmp(argv[next], "--source") == 0) {
-      source_name = argv[next + 1];
-    } else if (strcmp(argv[next], "--timeout") == 0) {
-      timeout = argv[next + 1];
-    } else {
-      return usage();
-    }
-  }
-  const uint16_t source = find_source(source_name);
-  const int32_t timeout_ms = qn_str2num(timeout, 10);
-  if (path == NULL || next >= argc || source == 0 || timeout_ms <= 0) return usage();
-
-  int taken;
-  const struct command* command = find_command(argv + next, argc - next, &taken);
+  if (argc < 4 || strcmp(argv[1], "--socket") != 0) return usage();
+  const struct command* command = find_command(argv[3], argc - 4);
   if (command == NULL) return usage();
 
-  hub_client_t client;
-  if (hub_connect(&client, path, source, (uint32_t)timeout_ms) != 0) {
-    fprintf(stderr, "hubctl: nobody listens on %s\n", path);
-    return EXIT_USAGE;
+  int32_t fd;
+  if (qn_sock_connect_unix_socket_server(argv[2], &fd) != 0) {
+    fprintf(stderr, "hubctl: nobody listens on %s\n", argv[2]);
+    return USAGE;
   }
-  const int status = command->run(&client, argv + next + taken);
-  hub_disconnect(&client);
-  if (fflush(stdout) != 0 || ferror(stdout)) return EXIT_NOT_HELD;
+  // Without these a client waits for ever: a request with a wrong header is never answered.
+  int status = USAGE;
+  if (qn_sock_set_fd_send_timeout(fd, TIMEOUT_S, 0) == 0 &&
+      qn_sock_set_fd_recv_timeout(fd, TIMEOUT_S, 0) == 0) {
+    status = command->use_line != NULL ? each_line(fd, argv[4], command->use_line)
+                                       : send_words(fd, command, argv + 4, argc - 4);
+  }
+  close(fd);
   return status;
 }

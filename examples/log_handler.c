@@ -1,77 +1,57 @@
-// The handler of hubd that changes what is logged while it runs: who asks, what is asked, then the
-// change.
-#include "log_handler.h"
-
-#include <quillcore/log.h>
-#include <quillcore/service.h>
-#include <quillcore/utility.h>
+// The handler of hubd that changes what is logged while it runs.
 #include <stddef.h>
 #include <string.h>
 
-#include "hub_protocol.h"
-#include "request.h"
+#include "hubd.h"
 
-// The field that the value of each step goes to.
-static int put_value(qn_log_permit_config_t* config, const char* value) {
-  char* field;
+#define FIELD(name) offsetof(qn_log_permit_config_t, name), sizeof(((qn_log_permit_config_t*)0)->name)
+
+// The steps: how many words, and where the last one goes. Of four the third names what is switched.
+static const struct step {
+  const char* name;
+  uint32_t words;
+  uint32_t mask;
+  size_t offset;
   size_t size;
-  switch (config->mask) {
-    case QN_LOG_PERMIT_LEVEL:
-      field = config->level;
-      size = sizeof(config->level);
-      break;
-    case QN_LOG_PERMIT_CONSOLE:
-      field = config->console_permit;
-      size = sizeof(config->console_permit);
-      break;
-    case QN_LOG_PERMIT_TRACE:
-      field = config->trace_permit;
-      size = sizeof(config->trace_permit);
-      break;
-    default:
-      field = config->permit;
-      size = sizeof(config->permit);
-      break;
+} steps[] = {
+    {"level", 3, QN_LOG_PERMIT_LEVEL, FIELD(level)},
+    {"biz", 4, QN_LOG_PERMIT_BIZ, FIELD(permit)},
+    {"logid", 4, QN_LOG_PERMIT_LOGID, FIELD(permit)},
+    {"console", 3, QN_LOG_PERMIT_CONSOLE, FIELD(console_permit)},
+    {"trace", 3, QN_LOG_PERMIT_TRACE, FIELD(trace_permit)},
+};
+
+static int fill_in(const struct step* step, const hub_words_t* words, qn_log_permit_config_t* config) {
+  const qn_str_t* word = words->word;
+  if (words->count != step->words) return -1;
+  config->mask = step->mask;
+  if (step->words == 4) {
+    if (hub_copy_word(&word[2], config->biz_name, sizeof(config->biz_name)) != 0) return -1;
+    config->logid = qn_str2num(word[2].data, 10); // 0 for what is no number
+    if (step->mask == QN_LOG_PERMIT_LOGID && config->logid <= 0) return -1;
   }
-  const size_t len = strlen(value);
-  if (len >= size) return -1;
-  memcpy(field, value, len + 1);
-  return 0;
+  if (hub_copy_word(&word[1], config->role, sizeof(config->role)) != 0) return -1;
+  return hub_copy_word(&word[step->words - 1], (char*)config + step->offset, (uint32_t)step->size);
 }
 
-static int is_step(uint8_t step) {
-  return step == HUB_LOG_RESET || step == QN_LOG_PERMIT_LEVEL || step == QN_LOG_PERMIT_BIZ ||
-         step == QN_LOG_PERMIT_LOGID || step == QN_LOG_PERMIT_CONSOLE || step == QN_LOG_PERMIT_TRACE;
-}
-
-static int parse_change(const qn_msg_req_t* req, qn_log_permit_config_t* config) {
+static int parse(const hub_words_t* words, qn_log_permit_config_t* config) {
   memset(config, 0, sizeof(*config));
-  if (req->body_len < 1 || !is_step(req->body[0])) return -1;
-
-  config->mask = req->body[0];
-  config->reset = req->body[0] == HUB_LOG_RESET;
-  cursor_t cursor = {req->body + 1, req->body_len - 1};
-  char value[sizeof(config->level)];
-  if (request_take_text(&cursor, config->role, sizeof(config->role)) != 0 ||
-      request_take_text(&cursor, config->biz_name, sizeof(config->biz_name)) != 0 ||
-      request_take_text(&cursor, value, sizeof(value)) != 0 || cursor.left != 0) {
-    return -1;
+  config->reset = words->count == 1 && strcmp(words->word[0].data, "reset") == 0;
+  if (config->reset) return 0;
+  for (size_t i = 0; i < sizeof(steps) / sizeof(steps[0]); i++) {
+    if (strcmp(words->word[0].data, steps[i].name) == 0) return fill_in(&steps[i], words, config);
   }
-  if (config->mask == QN_LOG_PERMIT_LOGID) config->logid = qn_str2num(config->biz_name, 10);
-  return put_value(config, value);
+  return -1;
 }
 
 int32_t handle_log(const qn_msg_req_t* req, void** rsp_body, uint32_t* rsp_len) {
-  uid_t uid;
-  if (!request_is_trusted(req, &uid))
-    return request_refuse_user(uid, "change the log", rsp_body, rsp_len);
-
+  if (hub_refuse_others(req, "change the log", rsp_body, rsp_len) != 0) return -1;
+  hub_words_t words;
   qn_log_permit_config_t config;
-  if (parse_change(req, &config) != 0) return request_refuse_malformed(req, rsp_body, rsp_len);
-
-  if (qn_log_set_log_permit_config(&config) != 0) {
-    qn_service_make_error_msg(HUB_ERR_LOG_CHANGE, rsp_body, rsp_len, "the log did not take the change");
-    return -1;
+  hub_split(req, &words);
+  if (parse(&words, &config) != 0) {
+    return HUB_REFUSE(HUB_ERR_MALFORMED, "not for the log: %.20s and its words", words.word[0].data);
   }
-  return 0;
+  if (qn_log_set_log_permit_config(&config) == 0) return 0;
+  return HUB_REFUSE(HUB_ERR_LOG_CHANGE, "the log did not take the change");
 }

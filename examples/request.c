@@ -1,43 +1,37 @@
-// What several handlers of hubd need to look at a request.
-#include "request.h"
-
-#include <quillcore/log.h>
+// What several handlers of hubd need to look at a request and to refuse it.
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "hub_protocol.h"
+#include "hubd.h"
 
-int request_is_trusted(const qn_msg_req_t* req, uid_t* uid) {
-  struct ucred peer;
-  socklen_t len = sizeof(peer);
-  *uid = (uid_t)-1;
-  if (getsockopt(req->fd, SOL_SOCKET, SO_PEERCRED, &peer, &len) != 0) return 0;
-  *uid = peer.uid;
-  return peer.uid == 0 || peer.uid == geteuid();
+void hub_split(const qn_msg_req_t* req, hub_words_t* words) {
+  memcpy(words->bytes, req->body, req->body_len); // there is room: the header came with it
+  words->bytes[req->body_len] = '\0';
+  words->len = req->body_len;
+  words->count = 0;
+  char* end = words->bytes + req->body_len;
+  for (char* at = words->bytes; at <= end; at += strlen(at) + 1) {
+    if (words->count < HUB_WORDS_MAX) words->word[words->count] = (qn_str_t){(uint32_t)strlen(at), at};
+    words->count++;
+  }
+  for (uint32_t i = words->count; i < HUB_WORDS_MAX; i++) words->word[i] = (qn_str_t){0, end};
 }
 
-int request_take_text(cursor_t* cursor, char* out, size_t size) {
-  if (cursor->left < 1) return -1;
-  const uint32_t len = cursor->at[0];
-  if (len >= size || len > cursor->left - 1 || memchr(cursor->at + 1, '\0', len) != NULL) return -1;
-  memcpy(out, cursor->at + 1, len);
-  out[len] = '\0';
-  cursor->at += 1 + len;
-  cursor->left -= 1 + len;
+int hub_copy_word(const qn_str_t* word, char* field, uint32_t size) {
+  if (word->len >= size) return -1;
+  memcpy(field, word->data, word->len + 1);
   return 0;
 }
 
-int32_t request_refuse_malformed(const qn_msg_req_t* req, void** rsp_body, uint32_t* rsp_len) {
-  qn_service_make_error_msg(HUB_ERR_MALFORMED, rsp_body, rsp_len, "malformed body of %u bytes",
-                            req->body_len);
-  return -1;
-}
-
-int32_t request_refuse_user(uid_t uid, const char* what, void** rsp_body, uint32_t* rsp_len) {
-  qn_log_core_adpater(QN_LOG_W, 9003, "hubd", 1, 1, "hubd_user", "user %u may not %s.", (unsigned)uid,
-                      what);
-  qn_service_make_error_msg(HUB_ERR_NOT_ALLOWED, rsp_body, rsp_len, "user %u may not %s", (unsigned)uid,
-                            what);
-  return -1;
+// The kernel tells who connected; nothing that a client writes can change it.
+int32_t hub_refuse_others(const qn_msg_req_t* req, const char* what, void** rsp_body, uint32_t* rsp_len) {
+  struct ucred peer = {.uid = (uid_t)-1};
+  socklen_t len = sizeof(peer);
+  if (getsockopt(req->fd, SOL_SOCKET, SO_PEERCRED, &peer, &len) == 0 &&
+      (peer.uid == 0 || peer.uid == geteuid())) {
+    return 0;
+  }
+  HUB_LOG(QN_LOG_W, 9003, "hubd_user", "user %u may not %s.", (unsigned)peer.uid, what);
+  return HUB_REFUSE(HUB_ERR_NOT_ALLOWED, "user %u may not %s", (unsigned)peer.uid, what);
 }
