@@ -50,7 +50,7 @@ int32_t handle_log(const qn_msg_req_t* req, void** rsp_body, uint32_t* rsp_len) 
   qn_log_permit_config_t config;
   hub_split(req, &words);
   if (parse(&words, &config) != 0) {
-    return HUB_REFUSE(HUB_ERR_MALFORMED, "not for the log: %.20s and its words", words.word[0].data);
+    return HUB_REFUSE(HUB_ERR_MALFORMED, "not a change of the log: %.20s", words.word[0].data);
   }
   if (qn_log_set_log_permit_config(&config) == 0) return 0;
   return HUB_REFUSE(HUB_ERR_LOG_CHANGE, "the log did not take the change");

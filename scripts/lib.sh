@@ -38,3 +38,23 @@ need() {
   "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
     apt-get install -q -y --no-install-recommends "${missing[@]}"
 }
+
+# quietly LOG COMMAND...: shows what a command said only if it failed.
+quietly() {
+  local log=$1
+  shift
+  "$@" >"$log" 2>&1 || {
+    tail -n 40 "$log" >&2
+    die "failed: $*"
+  }
+}
+
+# configure_target TARGET FOLDER OPTION...: a build as it ships; scripts/musl-root has made MUSL_ROOT.
+configure_target() {
+  local target=$1 folder=$2
+  shift 2
+  [[ $ROOT != *[[:space:]]* ]] || die "compilers and emulators are given this folder by name: it may hold no blank"
+  [[ $target == x64-glibc ]] || set -- "-DCMAKE_TOOLCHAIN_FILE=$ROOT/cmake/toolchains/$target.cmake" "$@"
+  [[ $target != *musl ]] || set -- "-DMUSL_ROOT=$MUSL_ROOT" "$@"
+  quietly "$folder.configure.log" cmake -G Ninja -S "$ROOT" -B "$folder" -DCMAKE_BUILD_TYPE=MinSizeRel "$@"
+}
