@@ -16,6 +16,10 @@ if [ $# = 3 ]; then
   mkdir -p /tmp/quillnet
   map=--map-root-user
   [ "$(id -u)" != 0 ] || map=
+  unshare --mount $map true || {
+    echo "skipped: no mount namespace"
+    exit 77
+  }
   exec unshare --mount $map "$0" "$@" private
 fi
 mount -t tmpfs tmpfs /tmp/quillnet
