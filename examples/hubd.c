@@ -150,8 +150,8 @@ static int start_service(void) {
   return hub.serves ? 0 : fail("cannot start the service");
 }
 
-// Whether a client can connect; a sleeping service looks up then. The test comes first because a connect
-// to a missing file waits a whole second.
+// Whether a client can connect. The test comes first because a connect to a missing file waits a whole
+// second.
 static int can_connect(void) {
   int32_t fd;
   if (!qn_file_is_exist(hub.socket_path)) return 0;
@@ -160,7 +160,7 @@ static int can_connect(void) {
   return 1;
 }
 
-// Whether this thread is the only one of the process. If not, it wakes the service's.
+// Whether this thread is the only one of the process.
 static int is_alone(void) {
   DIR* tasks = opendir("/proc/self/task");
   if (tasks == NULL) return 0;
@@ -168,7 +168,6 @@ static int is_alone(void) {
   const struct dirent* entry;
   while ((entry = readdir(tasks)) != NULL) count += entry->d_name[0] != '.';
   closedir(tasks);
-  if (count > 1) can_connect();
   return count == 1;
 }
 
@@ -210,6 +209,7 @@ static int bring_up(void) {
 // Undoes what has been reached, also when bringing up has failed half-way.
 static void shut_down(void) {
   if (hub.serves) qn_service_stop_with_thread(hub.cycle);
+  if (hub.serves) can_connect(); // wakes it; more of these would fill a queue that nobody empties
   // The bus thread stays as long as the process.
   const int alone = hub.bus != NULL ? is_alone() : wait_until(is_alone);
   hub_store_close(&hub.store); // waits for a handler that runs; later ones are refused
