@@ -161,9 +161,9 @@ MessagePtr wait_message(ubus_context& ctx, int64_t deadline_ms) {
 
 // --- sending ---
 
-bool send_message(ubus_context& ctx, MessageBuilder& message) {
+bool send_message(ubus_context& ctx, MessageBuilder& message, int64_t wait_max_ms) {
   if (!message.finish()) return false;
-  const int64_t deadline_ms = now_ms() + kWaitMs;
+  const int64_t deadline_ms = now_ms() + wait_max_ms;
   size_t sent = 0;
   while (sent < message.size()) {
     const ssize_t written =
@@ -176,17 +176,20 @@ bool send_message(ubus_context& ctx, MessageBuilder& message) {
       break;
     }
   }
-  // A part of a message leaves the broker out of step, so nothing can follow it.
-  if (sent != message.size()) ctx.connection->lost = true;
+  // A part of a message leaves the broker out of step, so nothing can follow it; nor can anything follow
+  // what was waited for in vain.
+  if (sent != message.size() && (sent != 0 || wait_max_ms != 0)) ctx.connection->lost = true;
   return sent == message.size();
 }
 
+// The broker itself, peer 0, sends events and drops their answers: one that it does not take at once,
+// since it is busy or gone, is left out.
 void send_status(ubus_context& ctx, const MessageHead& request, uint32_t status, bool has_objid,
                  uint32_t objid) {
   MessageBuilder answer(kStatus, request.seq, request.peer);
   answer.put_u32(kAttrStatus, status);
   answer.put_u32(kAttrObjId, has_objid ? objid : 0);
-  send_message(ctx, answer);
+  send_message(ctx, answer, request.peer == 0 ? 0 : kWaitMs);
 }
 
 // --- events ---
@@ -240,10 +243,10 @@ void deliver_kept_events(ubus_context& ctx) {
   }
 }
 
+// A socket that the loop has not found dead itself stays in it, which tells the two apart.
 void tell_if_lost(ubus_context& ctx) {
   if (!ctx.connection->lost || ctx.sock.fd < 0) return;
-  uloop_fd_delete(&ctx.sock);
-  ctx.sock.eof = ctx.sock.error = true;
+  ctx.sock.eof = true;
   if (ctx.connection_lost != nullptr) ctx.connection_lost(&ctx);
 }
 
@@ -277,7 +280,7 @@ void on_socket(uloop_fd* sock, unsigned int) {
 int request(ubus_context& ctx, MessageBuilder& message, uint32_t peer, uint32_t* objid) {
   ubus_connection& connection = *ctx.connection;
   const uint16_t seq = connection.seq;
-  if (!send_message(ctx, message)) return UBUS_STATUS_INVALID_ARGUMENT;
+  if (!send_message(ctx, message, kWaitMs)) return UBUS_STATUS_INVALID_ARGUMENT;
 
   const int64_t deadline_ms = now_ms() + kWaitMs;
   int status = -1;
