@@ -5,15 +5,22 @@
 //     handlers; a handler that blocks stalls the bus.
 //   - A context that a business handler keeps belongs to the bus thread: libubus and uloop have no locks.
 //   - While the loop runs, SIGTERM and SIGINT end the loop and not the process, unless the process set
-//     handlers of its own before qn_ubus_start(). One that comes while the thread connects ends the loop
-//     as it begins (a real libubox forgets it). Where the thread ends before its loop, they are put back
-//     and one that came until then is lost. SIGPIPE is ignored from the start on, unless it has a
-//     handler.
+//     handlers of its own before qn_ubus_start(). One that comes while the thread connects, subscribes or
+//     runs the business handlers ends the loop as it begins. Where the thread ends before its loop, they
+//     are put back and one that came until then is lost. SIGPIPE is ignored from the start on, unless it
+//     has a handler.
 //     A child that is forked meanwhile inherits the handlers of the loop: its first steps put them back.
 //   - SIGCHLD is left alone: the loop takes no child's status away from whoever waits for it.
 //   - A first connection is not tried again: the thread ends, and only the log tells (621). A connection
 //     that was lost is repaired without limit, at once and then every two seconds, and the subscription
 //     is in force again when 617 is logged. Events sent meanwhile are lost.
+//   - A handler whose call of libubus meets the loss gets that call's failure first; the attempt comes as
+//     the loop goes on, behind the event or behind 623. Until 617 every further call fails. Objects of
+//     the process's own are then on the bus again, under new ids; its own patterns are not.
+//   - libubus waits without a limit: a call of it, an attempt and a first connection hang as long as a
+//     broker is stopped, and SIGTERM has no effect meanwhile. A broker that lives on while another takes
+//     its path is not missed. Where the library was built without libubus, each wait ends after two
+//     seconds.
 //   - A handler reads the fields of an event with libubox's blobmsg functions, which a process has only
 //     where libubox is installed; type and message are valid during its call only.
 //

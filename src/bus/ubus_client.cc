@@ -2,11 +2,14 @@
 //
 // Life of the thread: connect, subscribe, run the business handlers once, serve until the loop ends. A
 // lost connection is repaired from inside the loop.
+extern "C" { // which headers from before 2020 do not say themselves
 #include <libubus.h>
+}
 
 #include <pthread.h>
 #include <quillcore/bus.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstddef>
 
@@ -92,31 +95,58 @@ bool lost_meanwhile = false;
 // --- signals ---
 
 // uloop takes SIGINT and SIGTERM for itself and gives them back only when it is done. Where the thread
-// ends before that, the process could not be ended by them any more.
+// ends before that, the process could not be ended by them any more. And a run of the loop begins by
+// forgetting a signal that has come: it is noted here on its way to uloop's handler, and the loop's first
+// timer looks.
+std::atomic<bool> end_signal_came{false};
+std::atomic<void (*)(int)> loop_handler{nullptr};
+
+void on_end_signal(int number) {
+  end_signal_came = true;
+  loop_handler.load()(number);
+}
+
+void end_again(uloop_timeout*) {
+  if (end_signal_came) uloop_cancelled = true;
+}
+
 class EndSignals {
  public:
-  EndSignals() { read_into(before_); }
-  void remember_taken() { read_into(taken_); }
+  EndSignals() {
+    for (Row& row : rows_) sigaction(row.number, nullptr, &row.before);
+  }
 
-  // What the process has set in the meantime stays.
-  void put_back() const {
-    for (size_t i = 0; i < kCount; i++) {
-      struct sigaction current = {};
-      sigaction(kSignals[i], nullptr, &current);
-      if (current.sa_handler == taken_[i].sa_handler) sigaction(kSignals[i], &before_[i], nullptr);
+  // Where uloop has taken it: a handler of the process stays, and uloop has left it alone.
+  void note_on_the_way() {
+    for (Row& row : rows_) {
+      sigaction(row.number, nullptr, &row.taken);
+      if (row.taken.sa_handler == row.before.sa_handler) continue;
+      loop_handler = row.taken.sa_handler;
+      struct sigaction noting = row.taken;
+      noting.sa_handler = on_end_signal;
+      sigaction(row.number, &noting, nullptr);
     }
   }
 
- private:
-  static constexpr int kSignals[] = {SIGINT, SIGTERM};
-  static constexpr size_t kCount = sizeof(kSignals) / sizeof(kSignals[0]);
+  void leave_to_uloop() const { put_back(&Row::taken); }
+  void leave_to_process() const { put_back(&Row::before); }
 
-  static void read_into(struct sigaction (&actions)[kCount]) {
-    for (size_t i = 0; i < kCount; i++) sigaction(kSignals[i], nullptr, &actions[i]);
+ private:
+  struct Row {
+    int number;
+    struct sigaction before, taken;
+  };
+
+  // What the process has set in the meantime stays.
+  void put_back(struct sigaction Row::*kept) const {
+    for (const Row& row : rows_) {
+      struct sigaction current = {};
+      sigaction(row.number, nullptr, &current);
+      if (current.sa_handler == on_end_signal) sigaction(row.number, &(row.*kept), nullptr);
+    }
   }
 
-  struct sigaction before_[kCount] = {};
-  struct sigaction taken_[kCount] = {};
+  Row rows_[2] = {{SIGINT, {}, {}}, {SIGTERM, {}, {}}};
 };
 
 // --- subscriptions and business handlers ---
@@ -193,11 +223,15 @@ void qn_ubus_reconnect_timer(uloop_timeout*) {
   uloop_timeout_set(&reconnect_timer, kReconnectSeconds * kMillisPerSecond);
 }
 
-// Comes from the loop, or from inside any call that waits for an answer, an attempt included: that one
-// then counts as failed.
-void qn_ubus_connection_lost(ubus_context*) {
+// Comes from the loop, which has taken a dead socket out before it tells, or from inside any call that
+// waits for an answer. An attempt that waits then counts as failed. A handler's call has to end first: on
+// a connection made anew under it, a libubus from before May 2025 waits for ever for an answer of the old
+// one.
+void qn_ubus_connection_lost(ubus_context* ctx) {
   if (joining) {
     lost_meanwhile = true;
+  } else if (ctx->sock.registered) {
+    uloop_timeout_set(&reconnect_timer, 0); // the attempt is what the loop does next
   } else {
     qn_ubus_reconnect_timer(&reconnect_timer);
   }
@@ -241,21 +275,31 @@ bool join_bus() {
   return true;
 }
 
+void run_loop() {
+  uloop_timeout first = {};
+  first.cb = end_again;
+  uloop_timeout_set(&first, 0);
+  uloop_run_timeout(kRunForever);
+  uloop_timeout_cancel(&first);
+}
+
 void* qn_ubus_loop(void* arg) {
   reconnect_timer.cb = qn_ubus_reconnect_timer;
   EndSignals signals;
   // The loop would take the status of children that other threads wait for.
   uloop_handle_sigchld = false;
+  uloop_cancelled = false; // an earlier loop of the process may have left it set
   uloop_init();
   const bool connected = connect_bus(static_cast<const char*>(arg)); // which may make the loop, too
-  signals.remember_taken();
+  signals.note_on_the_way();
   if (!connected || !join_bus()) {
-    signals.put_back();
+    signals.leave_to_process();
     return nullptr;
   }
-  uloop_run_timeout(kRunForever);
+  if (!uloop_cancelled) run_loop();
   free_context();
   QN_LOG(kRunExit);
+  signals.leave_to_uloop();
   uloop_done();
   QN_LOG(kDoneExit);
   return nullptr;

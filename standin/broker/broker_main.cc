@@ -13,11 +13,13 @@
 //   length-2m           a hello whose length is 2 MiB
 //   close-on-add        closes at the first ADD_OBJECT
 //   close-on-register   closes at the first "register"
+//   close-on-other      closes at each "register" of the pattern "other"
 //   no-status           never ends a "register"
 //   deny-register       refuses "register" with 6
 //   event-inside        sends an event between "register" and its status
-//   bytewise            sends every message byte by byte
+//   bytewise            sends every message but the hello byte by byte
 //   odd-invokes         sends the odd INVOKEs behind each "register"
+//   stalls              sends 1000 events at once behind each "register", then reads nothing for 2.5 s
 #include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -204,10 +206,11 @@ class Broker {
     if (is("hello-version")) hello[0] = 1;
     if (is("length-3")) hello.replace(8, 4, u32(3));
     if (is("length-2m")) hello.replace(8, 4, u32(2 << 20));
-    if (!is("hello-in-pieces")) return send_bytes(fd, hello);
-    send_bytes(fd, hello.substr(0, 5));
+    const size_t piece = is("hello-in-pieces") ? 5 : hello.size();
+    ::send(fd, hello.data(), piece, MSG_NOSIGNAL);
+    if (piece == hello.size()) return;
     usleep(20000);
-    send_bytes(fd, hello.substr(5));
+    ::send(fd, hello.data() + piece, hello.size() - piece, MSG_NOSIGNAL);
   }
 
   void read_client(int fd) {
@@ -263,6 +266,7 @@ class Broker {
       switches_.erase("close-on-register");
       return drop(fd);
     }
+    if (is("close-on-other") && pattern == text("other")) return drop(fd);
     if (is("no-status")) return;
     if (is("deny-register")) return end_request(fd, request, 6);
     if (!object || !pattern) return end_request(fd, request, 2);
@@ -272,10 +276,23 @@ class Broker {
     if (is("event-inside")) invoke(fd, id, attr(kAttrMethod, text("mesh.inside")) + attr(kAttrData, ""));
     end_request(fd, request, 0);
     if (is("odd-invokes")) odd_invokes(fd, id);
+    if (is("stalls")) stall(fd, id);
   }
 
-  void invoke(int fd, uint32_t object, const std::string& rest) {
-    send_bytes(fd, message(kInvoke, ++event_seq_, 0, attr(kAttrObjId, u32(object)) + rest));
+  std::string event(uint32_t object, const std::string& rest) {
+    return message(kInvoke, ++event_seq_, 0, attr(kAttrObjId, u32(object)) + rest);
+  }
+
+  void invoke(int fd, uint32_t object, const std::string& rest) { send_bytes(fd, event(object, rest)); }
+
+  // More events than the socket takes answers to, and for longer than a client waits.
+  void stall(int fd, uint32_t id) {
+    std::string events;
+    for (int i = 1; i <= 1000; i++)
+      events +=
+          event(id, attr(kAttrMethod, text(i < 1000 ? "mesh.burst" : "mesh.last")) + attr(kAttrData, ""));
+    send_bytes(fd, events);
+    usleep(2500000);
   }
 
   void odd_invokes(int fd, uint32_t id) {

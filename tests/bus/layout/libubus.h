@@ -1,8 +1,6 @@
 /* A context whose other fields are unknown and large, and an object likewise: the client may rely on the
-   fields that it names and on nothing else. */
-#ifdef __cplusplus
-extern "C" {
-#endif
+   fields that it names and on nothing else. Nor does a header from before 2020 say that it is C: the last
+   line does not compile where the client has not said so around it. */
 #include <libubox/uloop.h>
 
 struct blob_attr;
@@ -32,6 +30,4 @@ int ubus_reconnect(struct ubus_context* ctx, const char* path);
 void ubus_free(struct ubus_context* ctx);
 int ubus_register_event_handler(struct ubus_context* ctx, struct ubus_event_handler* ev,
                                 const char* pattern);
-#ifdef __cplusplus
-}
-#endif
+extern "C" struct ubus_context* ubus_connect(const char* path);
