@@ -58,3 +58,6 @@ configure_target() {
   [[ $target != *musl ]] || set -- "-DMUSL_ROOT=$MUSL_ROOT" "$@"
   quietly "$folder.configure.log" cmake -G Ninja -S "$ROOT" -B "$folder" -DCMAKE_BUILD_TYPE=MinSizeRel "$@"
 }
+
+# The libraries that a program or library asks for, by name.
+needed_of() { readelf -d "$1" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | sort | paste -sd ' '; }
