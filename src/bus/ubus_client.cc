@@ -100,6 +100,7 @@ bool lost_meanwhile = false;
 // timer looks.
 std::atomic<bool> end_signal_came{false};
 std::atomic<void (*)(int)> loop_handler{nullptr};
+static_assert(std::atomic<bool>::is_always_lock_free && decltype(loop_handler)::is_always_lock_free);
 
 void on_end_signal(int number) {
   end_signal_came = true;
@@ -296,7 +297,7 @@ void* qn_ubus_loop(void* arg) {
     signals.leave_to_process();
     return nullptr;
   }
-  if (!uloop_cancelled) run_loop();
+  if (!uloop_cancelled) run_loop(); // a signal or a handler may have ended it already
   free_context();
   QN_LOG(kRunExit);
   signals.leave_to_uloop();

@@ -14,8 +14,6 @@
 //   close-on-add        closes at the first ADD_OBJECT
 //   close-on-register   closes at the first "register"
 //   close-on-other      closes at each "register" of the pattern "other"
-//   no-status           never ends a "register"
-//   deny-register       refuses "register" with 6
 //   event-inside        sends an event between "register" and its status
 //   bytewise            sends every message but the hello byte by byte
 //   odd-invokes         sends the odd INVOKEs behind each "register"
@@ -267,8 +265,6 @@ class Broker {
       return drop(fd);
     }
     if (is("close-on-other") && pattern == text("other")) return drop(fd);
-    if (is("no-status")) return;
-    if (is("deny-register")) return end_request(fd, request, 6);
     if (!object || !pattern) return end_request(fd, request, 2);
     const uint32_t id = load_u32(*object, 0);
     if (!clients_[fd].objects.contains(id)) return end_request(fd, request, 4);
