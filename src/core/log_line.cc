@@ -6,6 +6,7 @@
 
 #include "core/log.h"
 #include "core/log_gate.h"
+#include "core/log_record.h"
 #include "platform/bounded_string.h"
 #include "platform/guards.h"
 
@@ -34,8 +35,6 @@ __attribute__((constructor(101))) void arrange() {
 
 constexpr size_t kLineMax = kLogLineSize - 1;
 constexpr char kNone[] = "-";
-
-const char* or_dash(const char* text) { return text != nullptr ? text : kNone; }
 
 const char* level_letter(uint32_t level) {
   if (level == QN_LOG_T) return "T";

@@ -12,6 +12,9 @@
 
 namespace qn {
 
+// What a null text is shown as.
+inline const char* or_dash(const char* text) { return text != nullptr ? text : "-"; }
+
 struct Message {
   uint32_t level;
   uint32_t logid;

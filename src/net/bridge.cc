@@ -2,14 +2,15 @@
 #include <quillcore/interface.h>
 
 #include <sys/ioctl.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 
-#include "net/request.h"
+#include "core/log_record.h"
+#include "net/null_pointer.h"
+#include "platform/interface_request.h"
+#include "platform/past_signals.h"
 
 namespace {
 
@@ -28,10 +29,7 @@ constexpr int kNullNumber = 531;
 // Whether the child ended by itself with status 0.
 bool child_succeeded(pid_t child) {
   int status = 0;
-  while (waitpid(child, &status, 0) < 0) {
-    if (errno != EINTR) return false;
-  }
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  return qn::wait_past_signals(child, &status) && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 // A failure is told and has no result: the interface exists all the same.
@@ -77,14 +75,14 @@ int32_t QnIntfAddIfToBridge(const char* bridge_name, const char* intf_name) {
     qn::print_null_pointer(kNullName, kNullNumber);
     return -1;
   }
-  const UniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const UniqueFd fd = qn::make_request_socket(AF_UNIX);
   if (!fd.valid()) {
     printf("Create socket failed, errno=%d.\n", errno);
     return -1;
   }
   const int32_t index = QnIntfNameToIndex(intf_name);
   if (index == 0) {
-    printf("Interface %s is not exist.\n", intf_name != nullptr ? intf_name : "-");
+    printf("Interface %s is not exist.\n", qn::or_dash(intf_name));
     return -1;
   }
   IntfRequest request;

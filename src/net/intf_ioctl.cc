@@ -9,7 +9,8 @@
 
 #include <linux/ethtool.h>
 
-#include "net/request.h"
+#include "net/null_pointer.h"
+#include "platform/interface_request.h"
 
 namespace {
 

@@ -14,13 +14,15 @@
 #include <memory>
 
 #include "core/log_record.h"
-#include "net/request.h"
+#include "net/null_pointer.h"
 #include "net/sysfs.h"
 #include "platform/bounded_string.h"
+#include "platform/guards.h"
 
 namespace {
 
 using qn::Message;
+using qn::or_dash;
 using qn::SysfsPath;
 using qn::SysfsResult;
 using qn::UniqueFd;
@@ -91,13 +93,13 @@ int32_t QnIntfGetParameter(const char* intf_name, const char* file, char* value,
     qn::print_null_pointer("QnIntfGetParameter", 237);
     return -1;
   }
-  const SysfsPath path(intf_name, file);
+  const SysfsPath path(intf_name, "%s", file);
   return path.fits() && qn::sysfs_read_line(path.text(), value, size) == SysfsResult::kRead ? 0 : -1;
 }
 
 uint64_t read_counter(const char* intf_name, const char* file) {
   char text[kCounterSize];
-  const SysfsPath path(intf_name, "statistics", file);
+  const SysfsPath path(intf_name, "statistics/%s", file);
   if (!path.fits() || qn::sysfs_read_line(path.text(), text, sizeof(text)) != SysfsResult::kRead)
     return 0;
   return strtoull(text, nullptr, 10);
@@ -107,15 +109,13 @@ uint64_t read_counter(const char* intf_name, const char* file) {
 const char* find_port(DIR* directory, const char* bridge_name, uint32_t port_no) {
   // NOLINTNEXTLINE(concurrency-mt-unsafe): the directory is the caller's own
   while (const dirent* const entry = readdir(directory)) {
-    const SysfsPath path(bridge_name, "brif", entry->d_name, "port_no");
+    const SysfsPath path(bridge_name, "brif/%s/port_no", entry->d_name);
     unsigned int number = 0;
     if (path.fits() && qn::sysfs_read_hex(path.text(), &number) && number == port_no)
       return entry->d_name;
   }
   return nullptr;
 }
-
-const char* or_dash(const char* text) { return text != nullptr ? text : "-"; }
 
 } // namespace
 
@@ -132,7 +132,7 @@ uint32_t QnBridgeIsExist(const char* bridge_name) {
 }
 
 uint32_t QnIntfIsOnBridge(const char* bridge_name, const char* intf_name) {
-  return intf_name != nullptr && exists(SysfsPath(bridge_name, "brif", intf_name)) ? 1 : 0;
+  return intf_name != nullptr && exists(SysfsPath(bridge_name, "brif/%s", intf_name)) ? 1 : 0;
 }
 
 uint32_t QnIntfIsWireless(uint32_t media_type) {
@@ -174,7 +174,7 @@ int32_t QnIntfGetSpeed(const char* intf_name) {
 }
 
 int32_t QnIntfGetPortIndex(const char* intf_name) {
-  const SysfsPath path(intf_name, "brport", "port_no");
+  const SysfsPath path(intf_name, "brport/port_no");
   if (!path.fits()) return 0;
   unsigned int number = 0;
   return qn::sysfs_read_hex(path.text(), &number) ? static_cast<int32_t>(number - 1) : -1;

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -21,20 +22,16 @@ using FilePtr = std::unique_ptr<FILE, FileClose>;
 
 } // namespace
 
-SysfsPath::SysfsPath(const char* intf_name, const char* file)
-    : fits_(intf_name != nullptr && snprintf_s(text_, kSysfsPathSize, kSysfsPathSize - 1,
-                                               "/sys/class/net/%s/%s", intf_name, file) >= 0) {}
-
-SysfsPath::SysfsPath(const char* intf_name, const char* directory, const char* file)
-    : fits_(intf_name != nullptr &&
-            snprintf_s(text_, kSysfsPathSize, kSysfsPathSize - 1, "/sys/class/net/%s/%s/%s", intf_name,
-                       directory, file) >= 0) {}
-
-SysfsPath::SysfsPath(const char* intf_name, const char* directory, const char* subdirectory,
-                     const char* file)
-    : fits_(intf_name != nullptr &&
-            snprintf_s(text_, kSysfsPathSize, kSysfsPathSize - 1, "/sys/class/net/%s/%s/%s/%s", intf_name,
-                       directory, subdirectory, file) >= 0) {}
+SysfsPath::SysfsPath(const char* intf_name, const char* below, ...) {
+  if (intf_name == nullptr) return;
+  const int front = snprintf_s(text_, sizeof(text_), sizeof(text_) - 1, "/sys/class/net/%s/", intf_name);
+  if (front < 0) return;
+  const size_t room = sizeof(text_) - static_cast<size_t>(front);
+  va_list args;
+  va_start(args, below);
+  fits_ = vsnprintf_s(text_ + front, room, room - 1, below, args) >= 0;
+  va_end(args);
+}
 
 // The kernel gives the whole of such a file to one read, so nothing is gained by a stream with its buffer
 // from the heap.

@@ -2,6 +2,8 @@
 #ifndef QN_NET_SYSFS_H
 #define QN_NET_SYSFS_H
 
+#include <quillcore/api.h>
+
 #include <cstddef>
 
 namespace qn {
@@ -11,16 +13,15 @@ constexpr size_t kSysfsPathSize = 128;
 // A path below /sys/class/net on the stack. A null interface and what does not fit give no path.
 class SysfsPath {
  public:
-  SysfsPath(const char* intf_name, const char* file);
-  SysfsPath(const char* intf_name, const char* directory, const char* file);
-  SysfsPath(const char* intf_name, const char* directory, const char* subdirectory, const char* file);
+  // `below` is a format of what stands behind the interface's name.
+  SysfsPath(const char* intf_name, const char* below, ...) QN_PRINTF(3, 4);
 
   bool fits() const { return fits_; }
   const char* text() const { return text_; }
 
  private:
   char text_[kSysfsPathSize];
-  bool fits_;
+  bool fits_ = false;
 };
 
 enum class SysfsResult { kRead, kNoFile, kNoText };

@@ -1,16 +1,13 @@
 // MAC addresses: from text, and of an interface.
 #include <quillcore/utility.h>
 
-#include <net/if.h>
 #include <sys/ioctl.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <cstddef>
 #include <cstring>
 
 #include "platform/bounded_string.h"
-#include "platform/guards.h"
+#include "platform/interface_request.h"
 
 namespace {
 
@@ -44,15 +41,12 @@ int32_t qn_utils_char_to_mac(const char* text, uint8_t* mac) {
 
 int32_t qn_utils_get_intf_mac_addr(const char* intf_name, uint8_t* mac) {
   if (intf_name == nullptr || mac == nullptr) return -1;
-  const qn::UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const qn::UniqueFd fd = qn::make_request_socket(AF_INET, SOCK_STREAM);
   if (!fd.valid()) return -1;
 
-  struct ifreq request = ifreq();
-  if (strncpy_s(request.ifr_name, sizeof(request.ifr_name), intf_name, sizeof(request.ifr_name) - 1) !=
-      0) {
-    return -1;
-  }
+  qn::IntfRequest request;
+  if (!request.set_name(intf_name)) return -1;
   request.ifr_addr.sa_family = AF_INET;
-  if (ioctl(fd.get(), SIOCGIFHWADDR, &request) != 0) return -1;
+  if (ioctl(fd.get(), SIOCGIFHWADDR, static_cast<ifreq*>(&request)) != 0) return -1;
   return memcpy_s(mac, kMacSize, request.ifr_hwaddr.sa_data, kMacSize) == 0 ? 0 : -1;
 }

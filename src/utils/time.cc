@@ -1,7 +1,7 @@
 // Millisecond counter and translation of authentication codes.
 #include <quillcore/utility.h>
 
-#include <ctime>
+#include "platform/monotonic.h"
 
 namespace {
 
@@ -46,11 +46,7 @@ uint32_t translate(const uint32_t (&table)[count], uint32_t code) {
 
 } // namespace
 
-int64_t qn_time_timestamp(void) {
-  struct timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
+int64_t qn_time_timestamp(void) { return qn::monotonic_ms(); }
 
 uint32_t qn_trans_cm_auth_mode_to_qn(uint32_t auth_mode) { return translate(kCmAuthModes, auth_mode); }
 
