@@ -11,6 +11,7 @@
 #include "core/log_record.h"
 #include "platform/bounded_string.h"
 #include "platform/guards.h"
+#include "platform/own_link.h"
 
 namespace {
 
@@ -58,7 +59,7 @@ bool owner_is_alive(int fd, StoredPid* pid) {
 int32_t check_exist_pidfile(const char* path) {
   struct stat status;
   if (stat(path, &status) != 0) return 0;
-  UniqueFd fd(open(path, O_RDWR | O_CLOEXEC));
+  UniqueFd fd(qn::open_by_own_links(path, O_RDWR));
   if (!fd.valid()) return QN_FAIL(-1, kOpenFailed, path);
   StoredPid pid = -1;
   const bool alive = owner_is_alive(fd.get(), &pid);
@@ -74,7 +75,7 @@ int32_t check_exist_pidfile(const char* path) {
 }
 
 int32_t create_pidfile(const char* path) {
-  UniqueFd fd(open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode));
+  UniqueFd fd(qn::open_by_own_links(path, O_RDWR | O_CREAT | O_TRUNC, kFileMode));
   if (!fd.valid()) return QN_FAIL(-1, kCreateFailed, path);
   const StoredPid pid = getpid();
   if (write(fd.get(), &pid, sizeof(pid)) != static_cast<ssize_t>(sizeof(pid))) {
