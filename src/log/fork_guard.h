@@ -11,7 +11,8 @@
 //   the lock of the maps      pointers to the permission maps (permission.cc)
 //   a map's lock
 //   the stamp's lock          conversion to local time (log_line.cc, which guards it itself)
-//   the streams' lock         numbers 0 to 2 while a descriptor is made (standard_streams.cc, the same)
+//   the streams' lock         numbers 0 to 2 while a descriptor is made, and whose the ends of a new
+//                             pipe are (standard_streams.cc, the same)
 #ifndef QN_LOG_FORK_GUARD_H
 #define QN_LOG_FORK_GUARD_H
 

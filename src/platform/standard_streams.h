@@ -19,8 +19,9 @@
 namespace qn {
 
 // Covers the numbers: two threads at once would take each other's holding for a stream that is open, and
-// then lose it. The innermost of all locks; nothing but descriptors are made under it. fork() waits for
-// it, so it also covers a descriptor that is not close-on-exec from birth.
+// then lose it. The innermost of all locks; nothing but descriptors are made under it, and by popen() a
+// child. fork() waits for it, so it also covers a descriptor that is not close-on-exec from birth, and a
+// pipe until it is known who is to have its ends.
 extern pthread_mutex_t g_standard_streams_lock;
 
 class StandardStreamsHeld {

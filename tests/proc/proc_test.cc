@@ -37,6 +37,7 @@ constexpr int kForks = 1000;
 constexpr int kHeartbeats = 1000000;
 #endif
 constexpr int kRounds = 1000;
+constexpr int kStarts = 200;
 constexpr unsigned int kDeadlineSeconds = 240;
 
 constexpr char kPidFile[] = "/tmp/quillnet/x.pid";
@@ -94,6 +95,46 @@ TEST(PidFile, BelongsToTheLiveProcessThatItNames) {
     EXPECT_GT(0, qn_proc_clean_pidfile(too_long.c_str()));
     EXPECT_EQ(-1, qn_proc_check_or_create_pidfile(nullptr));
     capture.release();
+  });
+}
+
+// Whoever makes the folder first may have laid links there.
+TEST(PidFile, IsReachedByLinksOfItsOwnUserOnly) {
+  in_own_namespace([] {
+    const StderrCapture capture;
+    const auto lay = [](const std::string& name, const std::string& to, bool other) {
+      const std::string path = "/tmp/quillnet/" + name;
+      unlink(path.c_str());
+      ASSERT_EQ(0, symlink(to.c_str(), path.c_str()));
+      if (other) ASSERT_EQ(0, lchown(path.c_str(), 4711, 4711)) << "this takes root";
+    };
+    mkdir("/tmp/quillnet", 0755), mkdir("/tmp/victims", 0755);
+    const struct {
+      const char* why;
+      bool first_is_other, second_is_other, is_there;
+      std::vector<uint32_t> logids;
+    } rows[] = {
+        {"own links", false, false, true, {601, 602, 597}},
+        {"own links to a new file", false, false, false, {597}},
+        {"another's link", true, false, true, {598}},
+        {"another's link to a new file", true, false, false, {595}},
+        {"another's behind an own one", false, true, true, {598}},
+    };
+    for (const auto& row : rows) {
+      SCOPED_TRACE(row.why);
+      unlink("/tmp/victims/file");
+      if (row.is_there) write_file("/tmp/victims/file", "victim");
+      lay("x.pid", "second", row.first_is_other);
+      lay("second", "../victims/file", row.second_is_other);
+      const_cast<StderrCapture&>(capture).clear();
+      const bool refused = row.first_is_other || row.second_is_other;
+      EXPECT_EQ(refused ? -1 : 0, qn_proc_check_or_create_pidfile("x.pid"));
+      EXPECT_EQ(row.logids, capture.logids());
+      const std::string kept = row.is_there ? "victim" : "";
+      EXPECT_EQ(refused ? kept : pid_bytes(getpid()), read_file("/tmp/victims/file"));
+    }
+    lay("x.pid", "x.pid", false);
+    EXPECT_EQ(-1, qn_proc_check_or_create_pidfile("x.pid")) << "a loop ends";
   });
 }
 
@@ -297,6 +338,75 @@ TEST(Child, ThatHasBeatenIsStoppedWithoutAnAnswer) {
   EXPECT_EQ(0, qn_proc_child_stop(&child));
   EXPECT_EQ(SIGTERM, WTERMSIG(status_of(child)));
   capture.release();
+}
+
+// With the standard streams closed their numbers go to what is opened next: to nothing of ours, or
+// records would get into it.
+TEST(Child, GetsNoRecordsThroughItsPipes) {
+  in_own_namespace([] {
+    mkdir("/tmp/quillnet", 0755);
+    for (int fd = 0; fd <= 2; fd++) close(fd);
+    EXPECT_EQ(0, qn_proc_check_or_create_pidfile("x.pid"));
+    EXPECT_EQ(pid_bytes(getpid()), read_file(kPidFile));
+    qn_child_proc_t child = {};
+    child.entry = [](void* arg) -> int32_t {
+      const qn_child_proc_t& self = *record_of(arg);
+      _exit(std::min(self.read_fd, self.write_fd) > 2 ? 0 : 1);
+    };
+    EXPECT_EQ(0, qn_proc_child_start(&child));
+    EXPECT_EQ(0, status_of(child));
+    EXPECT_GT(std::min(child.read_fd, child.write_fd), 2);
+    close(child.read_fd);
+    close(child.write_fd);
+  });
+}
+
+// A child of another thread must get no end of a pipe that is meant for this one: the end of the stream
+// would not be told as long as it lives.
+TEST(Child, TellsItsEndBesideOtherThreadsThatFork) {
+  StderrCapture capture;
+  alarm(kDeadlineSeconds);
+  int hold[2];
+  ASSERT_EQ(0, pipe2(hold, O_CLOEXEC));
+  pthread_barrier_t barrier;
+  pthread_barrier_init(&barrier, nullptr, 2);
+  std::vector<pid_t> others;
+  std::thread forks([&] {
+    for (int i = 0; i < kStarts; i++) {
+      pthread_barrier_wait(&barrier);
+      const pid_t other = fork();
+      if (other == 0) {
+        char byte = 0;
+        close(hold[1]);
+        _exit(read(hold[0], &byte, 1) == 0 ? 0 : 1); // lives until all is over
+      }
+      others.push_back(other);
+    }
+  });
+  int told = 0;
+  for (int i = 0; i < kStarts; i++) {
+    pthread_barrier_wait(&barrier);
+    if (i % 2 == 0) {
+      char output[8] = "";
+      told += qn_os_exec_cmd_and_read_output("echo x", output, sizeof(output)) == 0;
+      continue;
+    }
+    qn_child_proc_t child = {};
+    child.entry = [](void*) -> int32_t { _exit(0); };
+    EXPECT_EQ(0, qn_proc_child_start(&child));
+    char byte = 0;
+    told += read(child.read_fd, &byte, 1) == 0;
+    close(child.read_fd);
+    close(child.write_fd);
+    status_of(child);
+  }
+  forks.join();
+  EXPECT_EQ(kStarts, told);
+  close(hold[1]);
+  for (const pid_t other : others) waitpid(other, nullptr, 0);
+  close(hold[0]);
+  pthread_barrier_destroy(&barrier);
+  alarm(0);
 }
 
 bool is_pending(int number) {
