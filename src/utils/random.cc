@@ -7,6 +7,7 @@
 #include <cstddef>
 
 #include "platform/bounded_string.h"
+#include "platform/past_signals.h"
 
 namespace {
 
@@ -18,7 +19,7 @@ static_assert(kAlphabetSize == 62);
 // Reads four bytes; the number holds what came, and zeros for the rest. False when not all four came.
 bool read_number(int32_t fd, uint32_t* number) {
   *number = 0;
-  return read(fd, number, sizeof(*number)) == static_cast<ssize_t>(sizeof(*number));
+  return qn::read_past_signals(fd, number, sizeof(*number)) == static_cast<ssize_t>(sizeof(*number));
 }
 
 } // namespace

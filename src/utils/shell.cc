@@ -1,15 +1,15 @@
 // Commands through the shell: run and wait, run and collect, read a value out of a file.
 #include <quillcore/utility.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
 #include "core/log_record.h"
 #include "platform/bounded_string.h"
+#include "platform/past_signals.h"
+#include "platform/standard_streams.h"
 
 namespace {
 
@@ -40,17 +40,47 @@ constexpr int kSignalMask = 0x7F; // low bits of a wait status: the signal that 
 // The output of a command line. The end of the scope waits for the command.
 class CommandOutput {
  public:
-  explicit CommandOutput(const char* command) : stream_(popen(command, "re")) {}
+  // Under the streams' lock, which every fork waits for: no child of another thread gets the pipe's ends
+  // while popen() has both, and neither of them is where a thread writes its records.
+  explicit CommandOutput(const char* command) {
+    const qn::StandardStreamsHeld held;
+    stream_ = popen(command, "re");
+  }
   ~CommandOutput() {
     if (stream_ != nullptr) pclose(stream_);
   }
   CommandOutput(const CommandOutput&) = delete;
   CommandOutput& operator=(const CommandOutput&) = delete;
 
-  FILE* get() const { return stream_; }
+  bool valid() const { return stream_ != nullptr; }
+
+  // As fgets(), but past signals. False when there is no more and when reading fails, which costs what
+  // came of the line.
+  bool read_line(char* line, size_t size) {
+    size_t length = 0;
+    while (length + 1 < size && (length == 0 || line[length - 1] != '\n') && fill()) {
+      line[length++] = buffer_[at_++];
+    }
+    if (length == 0 && size > 1) return false;
+    line[failed_ ? 0 : length] = '\0';
+    return !failed_;
+  }
 
  private:
-  FILE* stream_;
+  bool fill() {
+    if (at_ < end_) return true;
+    const ssize_t got = qn::read_past_signals(fileno(stream_), buffer_, sizeof(buffer_));
+    failed_ = got < 0;
+    at_ = 0;
+    end_ = got > 0 ? static_cast<size_t>(got) : 0;
+    return got > 0;
+  }
+
+  FILE* stream_ = nullptr;
+  size_t at_ = 0;
+  size_t end_ = 0;
+  bool failed_ = false;
+  char buffer_[4096];
 };
 
 // Between fork() and execv() the child of a process with threads may do nothing else.
@@ -62,13 +92,6 @@ class CommandOutput {
   _exit(-1);
 }
 
-bool wait_for(pid_t child, int* status) {
-  while (waitpid(child, status, 0) < 0) {
-    if (errno != EINTR) return false;
-  }
-  return true;
-}
-
 } // namespace
 
 int32_t qn_os_exec_cmd(const char* cmd) {
@@ -78,7 +101,7 @@ int32_t qn_os_exec_cmd(const char* cmd) {
   if (child == 0) exec_shell(cmd);
 
   int status = 0;
-  if (!wait_for(child, &status)) return QN_FAIL(-1, kWaitFailed, cmd);
+  if (!qn::wait_past_signals(child, &status)) return QN_FAIL(-1, kWaitFailed, cmd);
   const int32_t result = (status & kSignalMask) == 0 ? 0 : -1;
   QN_LOG(kExecDone, cmd, result);
   return result;
@@ -101,20 +124,19 @@ int32_t qn_os_exec_vcmd(const char* fmt, ...) {
 
 int32_t qn_os_exec_cmd_and_read_output(const char* cmd, char* output, int32_t size) {
   if (cmd == nullptr || output == nullptr || size <= 0) return -1;
-  const CommandOutput stream(cmd);
-  if (stream.get() == nullptr) return QN_FAIL(-1, kReadPopenFailed, cmd);
+  CommandOutput stream(cmd);
+  if (!stream.valid()) return QN_FAIL(-1, kReadPopenFailed, cmd);
   QN_LOG(kReadPopenDone, cmd);
 
   char* target = output;
-  int32_t room = size;
-  while (fgets(target, room, stream.get()) != nullptr) {
-    const int32_t length = static_cast<int32_t>(strlen(output));
-    target = output + length;
-    room = size - length;
+  size_t room = static_cast<size_t>(size);
+  while (stream.read_line(target, room)) {
+    // A line counts up to its first NUL: the next one follows there.
+    const size_t length = strlen(target);
+    target += length;
+    room -= length;
     if (room <= 1) break;
   }
-  // A line that could not be read to its end has overwritten the terminator of what stands before it.
-  if (room > 1 && ferror(stream.get()) != 0) *target = '\0';
   return 0;
 }
 
@@ -126,10 +148,9 @@ int32_t qn_os_read_value_by_key_from_file(const char* path, const char* key, con
   if (snprintf_s(command, sizeof(command), sizeof(command) - 1, "awk -F '%s' '/%s/ {printf $2}' %s",
                  separator, key, path) < 0)
     return QN_FAIL(-1, kValueFormatFailed);
-  const CommandOutput stream(command);
-  if (stream.get() == nullptr) return QN_FAIL(-1, kValuePopenFailed);
-  if (fgets(value, size, stream.get()) == nullptr) return QN_FAIL(-1, kValueReadFailed);
-  return 0;
+  CommandOutput stream(command);
+  if (!stream.valid()) return QN_FAIL(-1, kValuePopenFailed);
+  return stream.read_line(value, static_cast<size_t>(size)) ? 0 : QN_FAIL(-1, kValueReadFailed);
 }
 
 int32_t qn_init_dir(void) {

@@ -358,6 +358,7 @@ std::vector<Row> proc_net_rows() {
       {"clean_pid_file", clean, "unlink", EBUSY, {{-1}}},
       {"random_key", key, "open", ENOENT, {{0}}},
       {"random_key", key, "read", EIO, {{0}, {0}, {0}, {0}}},
+      {"random_key", key, "read", EINTR, {{4}, {4}, {4}, {4}}},
       {"random_key", key, "read", 0, {{0}, {0}, {0}, {0}}, kShort},
       {"random_number", number, "read", EBADF, {{0}}},
       {"random_open", on(random_open), "open", EMFILE, {{-1}}},

@@ -208,7 +208,6 @@ WRAP_PLAIN("tsearch", nullptr, void*, tsearch, (const void* key, void** root, Co
 WRAP_PLAIN("fork", -1, pid_t, fork, (), ())
 WRAP_PLAIN("execv", -1, int, execv, (const char* path, char* const arguments[]), (path, arguments))
 WRAP_PLAIN("popen", nullptr, FILE*, popen, (const char* command, const char* mode), (command, mode))
-WRAP_PLAIN("fgets", nullptr, char*, fgets, (char* line, int size, FILE* stream), (line, size, stream))
 
 WRAP_PLAIN("kill", -1, int, kill, (pid_t pid, int number), (pid, number))
 WRAP_PLAIN("unlink", -1, int, unlink, (const char* path), (path))

@@ -13,7 +13,7 @@ foreach(name
     malloc calloc free memalign posix_memalign tsearch
     open open64 read write fsync lseek lseek64 ftruncate ftruncate64 close
     stat stat64 __stat64_time64 __stat_time64
-    fork execv execlp waitpid kill pipe2 dup2 popen fgets fopen fopen64
+    fork execv execlp waitpid kill pipe2 dup2 popen fopen fopen64
     unlink access opendir readdir readdir64 ioctl __ioctl_time64
     fcntl fcntl64 __fcntl_time64 socket setsockopt __setsockopt64 bind listen connect accept
     epoll_create1 epoll_ctl epoll_wait

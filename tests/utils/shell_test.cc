@@ -60,6 +60,9 @@ TEST(ReadOutput, CollectsLinesUpToTheBuffer) {
       {"printf 'one\\ntwo'", 5, "one\n"},
       {"exit 3", 64, "kept"},
       {"printf x", 1, ""},
+      // A line counts up to its first NUL.
+      {"printf 'a\\0b\\n\\0c\\nd\\n'", 64, "ad\n"},
+      {"printf 'ab\\0cdefghijkl\\n'", 10, "abijkl\n"},
   };
   for (const auto& row : rows) {
     char output[64] = "kept";
