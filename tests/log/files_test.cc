@@ -91,6 +91,52 @@ TEST(RollingFile, ReportsWhatItCannotOpenOrMove) {
   qn_file_close(file);
 }
 
+// Two records of one file stand for a daemon and its child, which have it open by themselves.
+TEST(RollingFile, FollowsItsNameWhenAnotherProcessHasMovedItAside) {
+  const TempDir temp;
+  const std::string& dir = temp.path();
+  qn_file_t* const mover = qn_file_open(dir.c_str(), "live", kFlags, 0660);
+  qn_file_t* const file = qn_file_open(dir.c_str(), "live", kFlags & ~O_TRUNC, 0660);
+  ASSERT_TRUE(mover != nullptr && file != nullptr);
+  const auto move = [&] { EXPECT_EQ(0, qn_file_rename_and_reopen(mover, dir.c_str(), "backup")); };
+  const auto put = [](qn_file_t* to, const char* text) { EXPECT_EQ(0, qn_file_write(to, text, 1)); };
+
+  put(file, "1"), put(mover, "a"), move(), put(file, "2");
+  EXPECT_EQ("1a2", read_file(temp.file("backup")));
+  put(mover, "b"), put(file, "3"), put(mover, "c");
+  EXPECT_EQ("b3c", read_file(temp.file("live")));
+  move(), move(), put(file, "4");
+  EXPECT_EQ("4", read_file(temp.file("live"))) << "its file was gone with the older backup";
+  EXPECT_EQ(1u, file->written);
+
+  EXPECT_TRUE(qn::file_would_reach(*file, 1, 2));
+  move();
+  EXPECT_FALSE(qn::file_would_reach(*file, 1, 2)) << "the full file is another's to move no more";
+  put(file, "5");
+  EXPECT_EQ("5", read_file(temp.file("live")));
+  unlink(temp.file("live").c_str());
+  put(file, "6");
+  EXPECT_EQ("6", read_file(temp.file("live"))) << "and one that was removed is made anew";
+  qn_file_close(file);
+  qn_file_close(mover);
+}
+
+TEST(RollingFile, IsNotReachedByAnothersLink) {
+  const StderrCapture capture;
+  const TempDir temp;
+  write_file(temp.file("victim"), "victim");
+  for (const uid_t owner : {getuid(), uid_t{4711}}) {
+    unlink(temp.file("live").c_str());
+    ASSERT_EQ(0, symlink("victim", temp.file("live").c_str()));
+    ASSERT_EQ(0, lchown(temp.file("live").c_str(), owner, owner)) << "this takes root";
+    qn_file_t* const file = qn_file_open(temp.path().c_str(), "live", kFlags & ~O_TRUNC, 0660);
+    EXPECT_EQ(owner == getuid(), file != nullptr);
+    if (file != nullptr) qn_file_close(file);
+  }
+  EXPECT_EQ(1u, capture.records(451).size());
+  EXPECT_EQ("victim", read_file(temp.file("victim")));
+}
+
 TEST(LocalWriter, MakesInstancesFromConfigWordAndRole) {
   in_own_namespace([] {
     StderrCapture capture;
