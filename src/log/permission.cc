@@ -15,6 +15,7 @@
 
 namespace {
 
+using qn::kOn;
 using qn::Message;
 using qn::MutexGuard;
 using qn::PermissionKey;
@@ -33,7 +34,6 @@ constexpr Message kUserEnd{QN_LOG_I, 0, kModule, kUserInit, "add default log use
 constexpr Message kReset{QN_LOG_I, 0, kModule, "qn_log_reset_permission", "reset log permission."};
 
 constexpr char kConfigFile[] = "/etc/quillnet/quillnet.conf";
-constexpr char kOn[] = "on";
 constexpr char kDefaultRole[] = "default";
 constexpr uint32_t kFirstRole = 1;
 
@@ -61,16 +61,19 @@ constinit pthread_mutex_t g_maps_lock = PTHREAD_MUTEX_INITIALIZER; // covers the
 constinit qn_map_t* g_configs = nullptr;
 constinit qn_map_t* g_user_configs = nullptr;
 
-// Puts a map in the place of another, which is freed when no gate can be looking at it any more. The
-// gates follow at once.
+// Puts a map in the place of another, which is freed when neither a gate nor a change can be looking at
+// it any more. The gates follow at once.
 void replace_map(qn_map_t*& place, qn_map_t* map) {
   qn_map_t* old = nullptr;
   {
-    const MutexGuard guard(g_maps_lock);
-    old = place;
-    place = map;
+    const MutexGuard change(g_change_lock);
+    {
+      const MutexGuard guard(g_maps_lock);
+      old = place;
+      place = map;
+    }
+    qn::log_gates_refresh();
   }
-  qn::log_gates_refresh();
   qn_map_free(old);
 }
 
@@ -142,7 +145,7 @@ bool exact_rule(uint32_t role, uint32_t logid, const char* biz_name, uint32_t le
   return qn_log_is_permitted(qn::qn_log_role_table[role].name, logid, biz_name, level);
 }
 
-// --- loading, under the change lock ---
+// --- loading ---
 
 void add_default_configs(qn_map_t* map) {
   for (const DefaultRow& row : kDefaultConfigs) {
@@ -152,10 +155,11 @@ void add_default_configs(qn_map_t* map) {
 }
 
 int32_t configs_init() {
-  replace_map(g_configs, qn_conf_load(kConfigFile));
-  if (g_configs != nullptr) return 0;
+  qn_map_t* map = qn_conf_load(kConfigFile);
+  replace_map(g_configs, map);
+  if (map != nullptr) return 0;
   QN_PRINTLN(kUsingDefault, kConfigFile);
-  qn_map_t* const map = qn_map_new();
+  map = qn_map_new();
   if (map == nullptr) return QN_FAIL_PRINTLN(-1, kDefaultFailed);
   add_default_configs(map);
   replace_map(g_configs, map);
@@ -175,13 +179,6 @@ int32_t user_configs_init() {
   replace_map(g_user_configs, map);
   QN_PRINTLN(kUserEnd);
   return 0;
-}
-
-int32_t load_maps() { return configs_init() != 0 ? -1 : user_configs_init(); }
-
-void free_maps() {
-  replace_map(g_configs, nullptr);
-  replace_map(g_user_configs, nullptr);
 }
 
 } // namespace
@@ -214,21 +211,17 @@ bool qn_log_trace_is_on(const char* role_name) {
   return key_is_on(PermissionKey(role_name, qn::kKeyTrace), g_configs);
 }
 
-int32_t qn_log_permit_init() {
-  const MutexGuard guard(g_change_lock);
-  return load_maps();
-}
+int32_t qn_log_permit_init() { return configs_init() != 0 ? -1 : user_configs_init(); }
 
 void qn_log_permit_free() {
-  const MutexGuard guard(g_change_lock);
-  free_maps();
+  replace_map(g_configs, nullptr);
+  replace_map(g_user_configs, nullptr);
 }
 
 int32_t qn_log_reset_permission() {
-  const MutexGuard guard(g_change_lock);
-  free_maps();
+  qn_log_permit_free();
   QN_PRINTLN(kReset);
-  return load_maps();
+  return qn_log_permit_init();
 }
 
 namespace qn {

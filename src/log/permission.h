@@ -6,8 +6,9 @@
 // gates of most records never come here.
 //
 // Locks. The change lock makes changes one at a time; gates never want it, so a change may allocate and
-// log. The lock of the maps covers the two pointers, for gates that do have to look; nothing is allocated
-// or logged under it.
+// log to the files. Nothing is printed under it: whoever forks takes it, and standard error may be
+// blocked. The lock of the maps covers the two pointers, for gates that do have to look; nothing is
+// allocated or logged under it.
 #ifndef QN_LOG_PERMISSION_H
 #define QN_LOG_PERMISSION_H
 

@@ -1,4 +1,5 @@
-// Keys of the permission maps: "log." ROLE SUFFIX, and for single switches what is switched.
+// Keys of the permission maps: "log." ROLE SUFFIX, and for single switches what is switched. Values of
+// switches.
 #ifndef QN_LOG_PERMISSION_KEY_H
 #define QN_LOG_PERMISSION_KEY_H
 
@@ -9,6 +10,9 @@
 #include "platform/bounded_string.h"
 
 namespace qn {
+
+constexpr char kOn[] = "on";
+constexpr char kOff[] = "off";
 
 constexpr char kKeyLevel[] = ".level";
 constexpr char kKeyConsole[] = ".console";

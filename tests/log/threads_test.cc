@@ -1,4 +1,5 @@
 // The log under many threads: rotation, permission changes and fork beside them.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <quillcore/log.h>
@@ -105,6 +106,48 @@ TEST(LogThreads, MayLogWhilePermissionsChangeAndReset) {
     qn_log_free_singleton_instance();
     capture.release();
   });
+}
+
+// A change waits for standard error, and whoever forks must not wait for the change.
+TEST(LogThreads, MayForkWhileAChangeCannotPrint) {
+  for (const bool reset : {false, true}) {
+    in_own_namespace([reset] {
+      alarm(60);
+      StderrCapture capture;
+      ASSERT_EQ(0, qn_log_new_singleton_instance(0, kRelay, 0));
+      int ends[2];
+      ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
+      ASSERT_EQ(0, fcntl(ends[1], F_SETFL, O_NONBLOCK));
+      while (write(ends[1], "x", 1) == 1) continue;
+      ASSERT_EQ(0, fcntl(ends[1], F_SETFL, 0));
+      const int kept = dup(STDERR_FILENO);
+      dup2(ends[1], STDERR_FILENO);
+      std::atomic<pid_t> changer{0};
+      std::thread thread([&] {
+        qn_log_permit_config_t change = {};
+        snprintf(change.role, sizeof(change.role), "relay");
+        change.mask = QN_LOG_PERMIT_LEVEL;
+        change.reset = reset;
+        changer = gettid();
+        qn_log_set_log_permit_config(&change);
+      });
+      while (changer == 0) continue;
+      const std::string state = "/proc/self/task/" + std::to_string(changer) + "/stat";
+      while (read_file(state).find(") S ") == std::string::npos) continue;
+      const pid_t child = fork();
+      if (child == 0) _exit(0);
+      EXPECT_EQ(child, waitpid(child, nullptr, 0));
+      dup2(kept, STDERR_FILENO);
+      char bytes[4096];
+      close(ends[1]);
+      while (read(ends[0], bytes, sizeof(bytes)) > 0) continue;
+      thread.join();
+      close(ends[0]);
+      close(kept);
+      qn_log_free_singleton_instance();
+      capture.release();
+    });
+  }
 }
 
 // Waits for the child with a deadline; one that hangs is ended and counted.
