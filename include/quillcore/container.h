@@ -33,7 +33,9 @@ QN_API void qn_map_free(qn_map_t* map);
 
 // Reads the configuration file at `path`. The caller frees the map with qn_map_free().
 // Returns a map, which may be empty; null when the file cannot be opened or read, `path` is null or
-// memory is short. It needs 32768 bytes of stack beside the log's and may run on any thread.
+// memory is short. Whatever the gates say it prints two lines on standard error, three when it fails; one
+// more (633) asks the console gate. For a null `path` it prints nothing. It needs 32768 bytes of stack
+// beside the log's and may run on any thread.
 QN_API qn_map_t* qn_conf_load(const char* path);
 
 // Hash table from texts to pointers. The number of buckets is chosen at creation and never changes: a

@@ -56,7 +56,9 @@ QN_API uint32_t QnIntfIsEthernet(uint32_t media_type);
 // Returns QN_INTF_POWER_ON when the interface has carrier, else QN_INTF_POWER_OFF (logged, 527 to 532).
 QN_API int32_t QnIntfGetPowerState(const char* intf_name);
 
-// Returns the operational state of RFC 2863, as a QN_INTF_OPER_* code.
+// Returns the operational state of RFC 2863, as a QN_INTF_OPER_* code. The kernel brings it up to date a
+// moment behind a change: an interface that was just brought up, one of a new pair among them, can still
+// tell QN_INTF_OPER_LOWER_LAYER_DOWN or its state before.
 QN_API int32_t QnIntfGetOperState(const char* intf_name);
 
 // Returns the speed in Mbit/s, -1 where the kernel knows none; 0 on failure.

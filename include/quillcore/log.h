@@ -13,7 +13,8 @@
 //
 // Arguments that all entries share:
 //   level     QN_LOG_G ... QN_LOG_F or QN_LOG_T; no other number
-//   logid     fixed number of the call site, 0 for a site without one
+//   logid     fixed number of the call site, 0 for a site without one. The library's own have 404 to 633
+//             and 4140 to 4196; a program of yours takes its numbers from 9000 on
 //   module    the subsystem, such as "alloc"
 //   biz_name  the operation, such as "memalloc"
 //   newline   not 0: the line is ended with a line feed
@@ -27,6 +28,11 @@
 // Threads: any thread may call any function of this file at any time, unless it says otherwise. No entry
 // allocates or reports that its record could not be written: that is dropped. A failed rotation is told
 // on standard error (451, 456, 457) where the console gate lets it.
+//
+// Records are written under locks, which fork() takes too. So a signal handler makes no log call, by way
+// of another function of this library neither, and no fork(): one that has interrupted a log call waits
+// for itself for ever. And a thread that may be inside the library is not to be ended by
+// pthread_cancel(): it would keep what it has locked.
 #ifndef QUILLCORE_LOG_H
 #define QUILLCORE_LOG_H
 
@@ -99,13 +105,17 @@ QN_API int32_t qn_log_dump_macaddr_adpater(uint32_t level, uint32_t logid, const
 // /tmp/quillnet/log/, ROLE_0.log.txt and, for levels G, E and F, ROLE_error_0.log.txt too. Each is moved
 // to ROLE_1.log.txt or ROLE_error_1.log.txt before it reaches the role's limit in bytes; records that
 // several threads write at once can carry it past that by a few. Every record is on disk when the call
-// returns.
+// returns. A link in the place of a file is followed if root or the process's own user made it; with
+// another user's the file cannot be opened.
 //
 //   role   1      2        3        4        5      6       7        8         9            10
 //   name   qntty  hubd     leafd    admd     relay  arcd    arc_tty  lib_call  nw_lib_call  nil
 //   limit  65536  1572864  1572864  1048576  65536  524288  65536    131072    65536        1048576
 //
-// A child of fork() may log too.
+// A child of fork() may log too: when parent or child has moved a file aside, the other goes on in the
+// new one behind its next record. Should both do so at one and the same moment, the older of the two
+// files can be lost. Other than that a role's files belong to one process, and in it to one instance, at
+// a time, unless `append` is 1: with 0 the second one empties what the first has written.
 
 // Makes an instance. Its records pass by the permissions that qn_log_new_singleton_instance() has loaded;
 // before that, and after the process's instance has ended, levels G and F alone pass. Bits 0 to 3 of
@@ -134,6 +144,12 @@ QN_API void qn_log_free_singleton_instance(void);
 
 // Permissions. A record of level E, W, I or D passes if its logid or biz_name is switched on for the
 // role, or if its level is not beyond the role's level.
+//
+// Without a configuration file hubd, leafd, admd and qntty have level I, and arcd has W; these five have
+// their console switch on and trace off. Every other role, one that is not of the family and so is logged
+// as nil among them, has level W, and console and trace off. A file that can be read replaces all of
+// this: a role that it has no level for gets that of log.default.level, and without that passes none of E
+// to D; a switch that it does not name is off.
 
 #define QN_LOG_PERMIT_LEVEL 1u   // store `level`
 #define QN_LOG_PERMIT_BIZ 2u     // switch `biz_name` as `permit` says
@@ -160,10 +176,12 @@ typedef struct qn_log_permit_config {
 
 // Changes permissions of the running process; each change holds from the next record on. Steps run in the
 // order of the mask's values, and a failed one does not stop later ones. Any thread may call it.
+// Two threads' changes of several steps each may mix step by step.
 // Each step prints a line on standard error, whatever the gates; a switch that is neither "on" nor "off"
 // and a key that is too long print one more. Returns 0; -1 when a step failed ("config failed." is
-// logged): such a switch, switching off what was not on, such a key, a text without its terminator, a
-// null `config`, no permissions loaded; or when a reset could not make its maps.
+// logged): such a switch, such a key, a text without its terminator, a null `config`, no permissions
+// loaded; or when a reset could not make its maps. To switch off a logid or biz_name that is not on is a
+// failure too, and changes nothing: whoever only wants it off need not mind the -1.
 QN_API int32_t qn_log_set_log_permit_config(const qn_log_permit_config_t* config);
 
 QN_END_DECLS

@@ -30,25 +30,31 @@ QN_API void qn_utils_dump_hex(const void* bytes, uint32_t length, int32_t capped
 
 // Reads a whole text as a number in `base` (2 to 36, or 0 to detect a 0x or 0 prefix), as strtol() does,
 // with a limit of 32 bits on every target: a value beyond it gives INT32_MAX or INT32_MIN.
-// Returns 0 for a text with a tail, an empty or null text and an invalid base.
+// Returns 0 for a text with a tail, an empty or null text and an invalid base: that cannot be told from
+// the text of a real 0, so a caller for whom the two differ looks at the text first. White space in front
+// of the number is passed over, behind it is a tail.
 QN_API int32_t qn_str2num(const char* text, int32_t base);
 
 // Runs a command line through /bin/sh and waits for it, without a time limit. The child inherits the
-// environment, blocked and ignored signals, and every descriptor that is not close-on-exec.
-// Returns 0 when the shell ended by itself, whatever its exit status, also that of a command that does
-// not exist and where there is no shell; -1 when it was killed, could not be forked or waited for, or
-// `cmd` is null.
+// environment, blocked and ignored signals, and every descriptor that is not close-on-exec. SIGPIPE is an
+// ignored signal in every daemon, and `trap - PIPE` does not undo that: in a pipeline the front part is
+// not ended when the part behind it has enough, it gets a write error instead, and goes on for ever if it
+// does not look at it. Returns 0 when the shell ended by itself, whatever its exit status, also that of a
+// command that does not exist and where there is no shell; -1 when it was killed, could not be forked or
+// waited for, or `cmd` is null.
 QN_API int32_t qn_os_exec_cmd(const char* cmd);
 
 // qn_os_exec_cmd() of a formatted command line of at most 511 bytes.
-// Returns -1 without running anything when the text does not fit (logged, 613).
+// Returns -1 without running anything when the text does not fit (logged, 613) and for a null `fmt`. What
+// a null argument for %s becomes is the C library's choice: "(null)", which the shell would take for a
+// command.
 QN_API int32_t qn_os_exec_vcmd(const char* fmt, ...) QN_PRINTF(1, 2);
 
 // Runs a command line through the shell and collects what it prints, line ends included, up to size - 1
-// bytes and a terminator. Further output is not read, and a command that prints nothing leaves `output`
-// as it was.
-// Returns 0, whatever the command's exit status; -1 when it could not be started (logged, 4140), `cmd`
-// or `output` is null or `size` is not above 0.
+// bytes and a terminator. Of a line that holds NUL bytes what stands before the first is taken, and the
+// next line follows there. Further output is not read, and a command that prints nothing leaves `output`
+// as it was. Signals do not cut it short. Returns 0, whatever the command's exit status; -1 when it could
+// not be started (logged, 4140), `cmd` or `output` is null or `size` is not above 0.
 QN_API int32_t qn_os_exec_cmd_and_read_output(const char* cmd, char* output, int32_t size);
 
 // Reads the second field of each line of the file at `path` that matches the awk expression `key`;
