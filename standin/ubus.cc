@@ -16,12 +16,12 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <memory>
 #include <utility>
 
 #include "platform/bounded_string.h"
 #include "platform/guards.h"
+#include "platform/monotonic.h"
 #include "standin/message.h"
 
 namespace {
@@ -33,12 +33,6 @@ constexpr uint32_t kEventObject = 1;
 constexpr uint32_t kLocalIdMin = 2; // smaller ids stand for the broker itself
 constexpr int64_t kWaitMs = 2000;
 constexpr int kDeliverLaterMs = 1;
-
-int64_t now_ms() {
-  struct timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
 
 // A whole message in one block: the body begins at a multiple of 4.
 struct Message {
@@ -141,7 +135,7 @@ MessagePtr take_message(ubus_connection& connection) {
 // Waits until the socket is ready or the deadline has passed.
 bool wait_ready(int fd, short events, int64_t deadline_ms) {
   for (;;) {
-    const int64_t left = deadline_ms - now_ms();
+    const int64_t left = deadline_ms - qn::monotonic_ms();
     if (left <= 0) return false;
     struct pollfd poll_fd = {fd, events, 0};
     const int ready = poll(&poll_fd, 1, static_cast<int>(left));
@@ -163,7 +157,7 @@ MessagePtr wait_message(ubus_context& ctx, int64_t deadline_ms) {
 
 bool send_message(ubus_context& ctx, MessageBuilder& message, int64_t wait_max_ms) {
   if (!message.finish()) return false;
-  const int64_t deadline_ms = now_ms() + wait_max_ms;
+  const int64_t deadline_ms = qn::monotonic_ms() + wait_max_ms;
   size_t sent = 0;
   while (sent < message.size()) {
     const ssize_t written =
@@ -282,7 +276,7 @@ int request(ubus_context& ctx, MessageBuilder& message, uint32_t peer, uint32_t*
   const uint16_t seq = connection.seq;
   if (!send_message(ctx, message, kWaitMs)) return UBUS_STATUS_INVALID_ARGUMENT;
 
-  const int64_t deadline_ms = now_ms() + kWaitMs;
+  const int64_t deadline_ms = qn::monotonic_ms() + kWaitMs;
   int status = -1;
   bool late = false; // also where messages for others come without end
   connection.waiting = true;
@@ -302,7 +296,7 @@ int request(ubus_context& ctx, MessageBuilder& message, uint32_t peer, uint32_t*
         if (status < 0) status = UBUS_STATUS_UNKNOWN_ERROR;
       }
     }
-    late = now_ms() >= deadline_ms;
+    late = qn::monotonic_ms() >= deadline_ms;
   }
   connection.waiting = false;
   return status;
@@ -351,7 +345,7 @@ int open_socket(const char* path) {
 }
 
 bool read_hello(ubus_context& ctx) {
-  const MessagePtr hello = wait_message(ctx, now_ms() + kWaitMs);
+  const MessagePtr hello = wait_message(ctx, qn::monotonic_ms() + kWaitMs);
   if (!hello || hello->head.type != kHello || hello->head.raw_peer < kLocalIdMin) return false;
   ctx.local_id = hello->head.raw_peer;
   return true;

@@ -10,7 +10,8 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
-#include <ctime>
+
+#include "platform/monotonic.h"
 
 bool uloop_cancelled = false;
 bool uloop_handle_sigchld = true;
@@ -20,7 +21,6 @@ namespace {
 constexpr int kEndSignals[] = {SIGINT, SIGTERM};
 constexpr int kSignalCount = sizeof(kEndSignals) / sizeof(kEndSignals[0]);
 constexpr int64_t kMicrosPerMilli = 1000;
-constexpr int64_t kMicrosPerSecond = 1000000;
 
 int g_epoll = -1;
 // What a handler touches, on whichever thread took the signal: an eventfd, which wakes the wait, and the
@@ -36,14 +36,8 @@ bool g_taken[kSignalCount];
 // The marker of the wake-up descriptor among the watched ones, which are known by their address.
 uloop_fd g_wake_entry = {};
 
-int64_t now_us() {
-  struct timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return int64_t{now.tv_sec} * kMicrosPerSecond + now.tv_nsec / 1000;
-}
-
 int64_t due_us(const uloop_timeout& timer) {
-  return int64_t{timer.time.tv_sec} * kMicrosPerSecond + timer.time.tv_usec;
+  return int64_t{timer.time.tv_sec} * qn::kMicrosPerSecond + timer.time.tv_usec;
 }
 
 void on_end_signal(int signal_number) {
@@ -113,7 +107,7 @@ uint32_t interest_of(unsigned int flags) {
 }
 
 void run_due_timers() {
-  const int64_t now = now_us();
+  const int64_t now = qn::monotonic_us();
   while (g_timers != nullptr && due_us(*g_timers) <= now && !uloop_cancelled) {
     uloop_timeout* const timer = g_timers;
     uloop_timeout_cancel(timer);
@@ -124,7 +118,7 @@ void run_due_timers() {
 // Milliseconds to wait, rounded up so that a timer is due when the wait ends; -1 for no limit.
 int wait_ms(int limit_ms) {
   if (g_timers == nullptr) return limit_ms;
-  const int64_t left = due_us(*g_timers) - now_us();
+  const int64_t left = due_us(*g_timers) - qn::monotonic_us();
   const int64_t left_ms = left <= 0 ? 0 : (left + kMicrosPerMilli - 1) / kMicrosPerMilli;
   const int bounded = left_ms < INT32_MAX ? static_cast<int>(left_ms) : INT32_MAX;
   return limit_ms >= 0 && limit_ms < bounded ? limit_ms : bounded;
@@ -206,9 +200,9 @@ int uloop_fd_delete(uloop_fd* sock) {
 
 int uloop_timeout_set(uloop_timeout* timeout, int msecs) {
   if (timeout->pending) uloop_timeout_cancel(timeout);
-  const int64_t due = now_us() + msecs * kMicrosPerMilli;
-  timeout->time.tv_sec = static_cast<decltype(timeout->time.tv_sec)>(due / kMicrosPerSecond);
-  timeout->time.tv_usec = static_cast<decltype(timeout->time.tv_usec)>(due % kMicrosPerSecond);
+  const int64_t due = qn::monotonic_us() + msecs * kMicrosPerMilli;
+  timeout->time.tv_sec = static_cast<decltype(timeout->time.tv_sec)>(due / qn::kMicrosPerSecond);
+  timeout->time.tv_usec = static_cast<decltype(timeout->time.tv_usec)>(due % qn::kMicrosPerSecond);
   timeout->pending = true;
 
   uloop_timeout** place = &g_timers;

@@ -27,6 +27,7 @@ constexpr char kStart[] = "qn_ubus_start";
 constexpr char kLoop[] = "qn_ubus_loop";
 constexpr char kRunBiz[] = "qn_ubus_run_biz_handler";
 constexpr char kReconnect[] = "qn_ubus_reconnect_timer";
+constexpr char kCaller[] = "nill";
 
 constexpr Message kHandlersFull{QN_LOG_E, 626, kModule, kAddHandler,
                                 "handler_counter=%u >= HANDLER_SIZE=%u"};
@@ -41,8 +42,7 @@ constexpr Message kEventAdded{QN_LOG_I, 0, kModule, kAddEvent,
                               "add event_name=%s ok. register_event_counter=%u"};
 constexpr Message kNoPath{QN_LOG_E, 629, kModule, kStart, "path is NULL"};
 constexpr Message kThreadFailed{QN_LOG_E, 631, kModule, kStart, "create ubus client thread failed."};
-constexpr Message kStartEnter{QN_LOG_T, 630, kModule, kStart, "entering %s. called by %s."};
-constexpr Message kStartLeave{QN_LOG_T, 632, kModule, kStart, "leaving %s. called by %s."};
+constexpr qn::Trace kTraceStart{kModule, kStart, 630, kStart, 632, kStart, kCaller};
 constexpr Message kPathTooLong{QN_LOG_E, 620, kModule, kLoop, "strcpy_s faile. path=%s."};
 constexpr Message kConnectFailed{QN_LOG_E, 621, kModule, kLoop, "Failed to connect to ubus."};
 constexpr Message kConnected{QN_LOG_I, 622, kModule, kLoop, "ubus_connect ok."};
@@ -59,7 +59,6 @@ constexpr Message kReconnectFailed{QN_LOG_E, 616, kModule, kReconnect,
                                    "Failed to reconnect, trying again in %d seconds."};
 constexpr Message kReconnected{QN_LOG_I, 617, kModule, kReconnect, "reconnected to ubus, new id: %08x"};
 
-constexpr char kCaller[] = "nill";
 constexpr int kReconnectSeconds = 2;
 constexpr int kMillisPerSecond = 1000;
 constexpr unsigned int kSocketFlags = ULOOP_READ | ULOOP_BLOCKING;
@@ -343,12 +342,12 @@ int32_t qn_ubus_add_event_handler(const char* event_name, qn_ubus_event_handler_
 
 int32_t qn_ubus_start(const char* path) {
   if (path == nullptr) return QN_FAIL(-1, kNoPath);
-  QN_LOG(kStartEnter, kStart, kCaller);
+  qn::trace_enter(kTraceStart);
   pthread_t thread;
   if (pthread_create(&thread, nullptr, qn_ubus_loop, const_cast<char*>(path)) != 0)
     return QN_FAIL(-1, kThreadFailed);
   pthread_detach(thread);
-  QN_LOG(kStartLeave, kStart, kCaller);
+  qn::trace_leave(kTraceStart);
   return 0;
 }
 

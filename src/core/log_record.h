@@ -66,18 +66,19 @@ struct Trace {
   const char* enter_biz_name;
   uint32_t leave_logid;
   const char* leave_biz_name;
+  const char* caller = "nil";
 };
 
 inline void trace_enter(const Trace& trace) {
   if (!log_may_pass(QN_LOG_T)) return;
   log_site(level_and_logid(QN_LOG_T, trace.enter_logid), trace.module, trace.enter_biz_name,
-           "entering %s. called by %s.", trace.function, "nil");
+           "entering %s. called by %s.", trace.function, trace.caller);
 }
 
 inline void trace_leave(const Trace& trace) {
   if (!log_may_pass(QN_LOG_T)) return;
   log_site(level_and_logid(QN_LOG_T, trace.leave_logid), trace.module, trace.leave_biz_name,
-           "leaving %s. called by %s.", trace.function, "nil");
+           "leaving %s. called by %s.", trace.function, trace.caller);
 }
 
 // The pair of an operation that traces every way out.
