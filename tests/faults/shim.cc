@@ -11,14 +11,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <map>
 #include <memory>
-#include <mutex>
 #include <new>
-#include <unordered_set>
 #include <vector>
 
 namespace {
@@ -37,9 +37,14 @@ State& state() {
   return *shared;
 }
 
+// The program itself never becomes another one: its tests would end there, with that one's status.
+const pid_t g_self = getpid();
+
 thread_local bool t_spared = false;
+std::atomic<int> g_blocks{0};
 std::atomic<int> g_threads{0};
 std::atomic<int> g_bad_closes{0};
+std::atomic<int> g_inherited{0};
 
 // Whether the armed fault hits this call; errno is set if so.
 bool hit(std::string_view call) {
@@ -54,6 +59,12 @@ bool hit(std::string_view call) {
   return true;
 }
 
+// A new descriptor, which a program started at any moment must not get.
+int check_fd(int fd) {
+  g_inherited += fd >= 0 && (fcntl(fd, F_GETFD) & FD_CLOEXEC) == 0;
+  return fd;
+}
+
 template <typename Real>
 ssize_t transfer(std::string_view call, size_t size, Real real) {
   if (!hit(call)) return real(size);
@@ -61,20 +72,8 @@ ssize_t transfer(std::string_view call, size_t size, Real real) {
   return state().fault.how == shim::kNothing ? 0 : -1;
 }
 
-// The set takes its memory inside libstdc++, past the wrapped functions.
-struct Blocks {
-  std::mutex mutex;
-  std::unordered_set<void*> live;
-};
-
-Blocks& blocks() {
-  static Blocks* const all = new Blocks;
-  return *all;
-}
-
 void* add_block(void* block) {
-  const std::lock_guard guard(blocks().mutex);
-  if (block != nullptr) blocks().live.insert(block);
+  g_blocks += block != nullptr;
   return block;
 }
 
@@ -114,11 +113,13 @@ WRAP(int, posix_memalign, (void** block, size_t alignment, size_t size)) {
   if (error == 0) add_block(*block);
   return error;
 }
+WRAP(char*, strdup, (const char* text)) {
+  char* const copy = hit("strdup") ? nullptr : __real_strdup(text);
+  add_block(copy);
+  return copy;
+}
 WRAP(void, free, (void* block)) {
-  {
-    const std::lock_guard guard(blocks().mutex);
-    blocks().live.erase(block);
-  }
+  g_blocks -= block != nullptr;
   __real_free(block);
 }
 
@@ -128,7 +129,7 @@ WRAP(void, free, (void* block)) {
     va_start(args, flags);                                                 \
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(args, mode_t) : 0; \
     va_end(args);                                                          \
-    return hit("open") ? -1 : __real_##name(path, flags, mode);            \
+    return hit("open") ? -1 : check_fd(__real_##name(path, flags, mode));  \
   }
 WRAP_OPEN(open)
 WRAP_OPEN(open64)
@@ -148,29 +149,24 @@ WRAP_FCNTL(fcntl)
 WRAP_FCNTL(fcntl64)
 WRAP_FCNTL(__fcntl_time64)
 
-std::string_view ioctl_name(unsigned long request) {
-  switch (request) {
-    case SIOCGIFINDEX:
-      return "SIOCGIFINDEX";
-    case SIOCGIFFLAGS:
-      return "SIOCGIFFLAGS";
-    case SIOCSIFFLAGS:
-      return "SIOCSIFFLAGS";
-    case SIOCGIFHWADDR:
-      return "SIOCGIFHWADDR";
-    case SIOCETHTOOL:
-      return "SIOCETHTOOL";
-    case SIOCBRADDIF:
-      return "SIOCBRADDIF";
-    default:
-      return "ioctl";
-  }
+#define NAMED(request) \
+  { request, #request }
+constexpr struct {
+  unsigned long request;
+  const char* name;
+} kRequests[] = {NAMED(SIOCGIFINDEX),  NAMED(SIOCGIFFLAGS), NAMED(SIOCSIFFLAGS),
+                 NAMED(SIOCGIFHWADDR), NAMED(SIOCETHTOOL),  NAMED(SIOCBRADDIF)};
+
+bool hit_ioctl(unsigned long request) {
+  return std::ranges::any_of(kRequests, [request](const auto& row) {
+    return row.request == (request & UINT32_MAX) && hit(row.name);
+  });
 }
 
 // musl has a signed request here. The callers of either pass a register's worth.
-#define WRAP_IOCTL(name)                                                                      \
-  WRAP(int, name, (int fd, unsigned long request, void* argument)) {                          \
-    return hit(ioctl_name(request & UINT32_MAX)) ? -1 : __real_##name(fd, request, argument); \
+#define WRAP_IOCTL(name)                                                   \
+  WRAP(int, name, (int fd, unsigned long request, void* argument)) {       \
+    return hit_ioctl(request) ? -1 : __real_##name(fd, request, argument); \
   }
 WRAP_IOCTL(ioctl)
 WRAP_IOCTL(__ioctl_time64)
@@ -180,7 +176,6 @@ WRAP_IOCTL(__ioctl_time64)
 WRAP_STAT(stat)
 WRAP_STAT(stat64)
 WRAP_STAT(__stat64_time64)
-WRAP_STAT(__stat_time64)
 
 WRAP(ssize_t, read, (int fd, void* buffer, size_t size)) {
   return transfer("read", size, [=](size_t room) { return __real_read(fd, buffer, room); });
@@ -206,7 +201,10 @@ WRAP_PLAIN("tsearch", nullptr, void*, tsearch, (const void* key, void** root, Co
            (key, root, compare))
 
 WRAP_PLAIN("fork", -1, pid_t, fork, (), ())
-WRAP_PLAIN("execv", -1, int, execv, (const char* path, char* const arguments[]), (path, arguments))
+WRAP(int, execv, (const char* path, char* const arguments[])) {
+  if (getpid() == g_self) abort();
+  return hit("execv") ? -1 : __real_execv(path, arguments);
+}
 WRAP_PLAIN("popen", nullptr, FILE*, popen, (const char* command, const char* mode), (command, mode))
 
 WRAP_PLAIN("kill", -1, int, kill, (pid_t pid, int number), (pid, number))
@@ -248,7 +246,9 @@ WRAP(pid_t, waitpid, (pid_t child, int* status, int options)) {
              (fd, level, option, value, size))
 WRAP_SETSOCKOPT(setsockopt)
 WRAP_SETSOCKOPT(__setsockopt64)
-WRAP_PLAIN("socket", -1, int, socket, (int domain, int type, int protocol), (domain, type, protocol))
+WRAP(int, socket, (int domain, int type, int protocol)) {
+  return hit("socket") ? -1 : check_fd(__real_socket(domain, type, protocol));
+}
 WRAP_PLAIN("bind", -1, int, bind, (int fd, const sockaddr* to, socklen_t size), (fd, to, size))
 WRAP_PLAIN("listen", -1, int, listen, (int fd, int backlog), (fd, backlog))
 WRAP_PLAIN("connect", -1, int, connect, (int fd, const sockaddr* to, socklen_t size), (fd, to, size))
@@ -303,13 +303,13 @@ bool fired() { return state().fired; }
 
 void spare(bool on) { t_spared = on; }
 
-size_t live_blocks() {
-  const std::lock_guard guard(blocks().mutex);
-  return blocks().live.size();
-}
-
 int threads_running() { return g_threads; }
 
-int bad_closes() { return g_bad_closes; }
+std::map<std::string_view, int> tally() {
+  return {{"heap blocks", g_blocks},
+          {"bad closes", g_bad_closes},
+          {"inherited", g_inherited},
+          {"threads", g_threads}};
+}
 
 } // namespace shim

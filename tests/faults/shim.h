@@ -6,7 +6,7 @@
 #ifndef TESTS_FAULTS_SHIM_H
 #define TESTS_FAULTS_SHIM_H
 
-#include <cstddef>
+#include <map>
 #include <string_view>
 
 namespace shim {
@@ -33,9 +33,12 @@ bool fired(); // whether the n-th call has been made since arm(); any thread may
 
 void spare(bool on); // the calls of this thread are not counted while it is on
 
-size_t live_blocks();  // heap blocks from the wrapped functions that have not been freed
 int threads_running(); // threads whose routine has not returned
-int bad_closes();      // calls of close() on a number that was not open
+
+// What must be as before when an operation is gone: heap blocks from the wrapped functions, less those
+// that were freed; calls of close() on a number that was not open; descriptors that are not
+// close-on-exec; threads.
+std::map<std::string_view, int> tally();
 
 } // namespace shim
 

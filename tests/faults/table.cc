@@ -4,7 +4,6 @@
 #include <sys/wait.h>
 
 #include <cerrno>
-#include <iostream>
 #include <set>
 #include <string>
 #include <system_error>
@@ -16,14 +15,6 @@
 namespace {
 
 constexpr size_t kNthEnd = 1000;
-
-int g_injected = 0;
-
-class Report : public testing::Environment {
-  void TearDown() override { std::cout << "faults injected: " << g_injected << '\n'; }
-};
-[[maybe_unused]] const testing::Environment* const g_report =
-    testing::AddGlobalTestEnvironment(new Report);
 
 // Records of failures: levels E and W, and these of level D.
 bool is_failure(const Record& record) {
@@ -76,8 +67,7 @@ class OwnFaultTable : public FaultTable {};
 
 void try_every_call(const Row& row) {
   const std::set<int> descriptors = open_descriptors();
-  const size_t blocks = shim::live_blocks();
-  const int bad_closes = shim::bad_closes();
+  const auto tally = shim::tally();
   const size_t end = row.rest == kUntried ? row.outcomes.size() + 1 : kNthEnd;
   size_t reached = 0;
   for (bool fired = true; fired && reached + 1 < end && !testing::Test::HasFailure();) {
@@ -85,14 +75,11 @@ void try_every_call(const Row& row) {
     fired = run_once(row, reached + 1);
     if (fired) reached++;
     EXPECT_EQ(descriptors, open_descriptors());
-    EXPECT_EQ(bad_closes, shim::bad_closes()) << "a descriptor was closed twice";
-    EXPECT_EQ(blocks, shim::live_blocks()) << "a heap block is lost";
-    EXPECT_EQ(0, shim::threads_running());
+    EXPECT_EQ(tally, shim::tally());
     EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) < 0 && errno == ECHILD) << "a child is left";
   }
   EXPECT_GE(reached, row.outcomes.size()) << "calls of " << row.call;
   EXPECT_LT(reached, kNthEnd - 1);
-  g_injected += static_cast<int>(reached);
 }
 
 TEST_P(FaultTable, EveryCallMayFail) { try_every_call(GetParam()); }
@@ -102,18 +89,14 @@ TEST_P(OwnFaultTable, EveryCallMayFail) {
     make_own_system();
     if (!HasFailure()) try_every_call(GetParam());
   });
-  g_injected += static_cast<int>(GetParam().outcomes.size());
 }
 
-std::string row_name(const testing::TestParamInfo<Row>& info) {
-  return testing::PrintToString(info.param);
-}
-
-INSTANTIATE_TEST_SUITE_P(Memory, FaultTable, testing::ValuesIn(memory_rows()), row_name);
-INSTANTIATE_TEST_SUITE_P(Utils, FaultTable, testing::ValuesIn(utils_rows()), row_name);
-INSTANTIATE_TEST_SUITE_P(Service, FaultTable, testing::ValuesIn(service_rows()), row_name);
-INSTANTIATE_TEST_SUITE_P(Store, FaultTable, testing::ValuesIn(store_rows()), row_name);
-INSTANTIATE_TEST_SUITE_P(ProcNet, OwnFaultTable, testing::ValuesIn(proc_net_rows()), row_name);
+using testing::PrintToStringParamName;
+using testing::ValuesIn;
+INSTANTIATE_TEST_SUITE_P(Base, FaultTable, ValuesIn(base_rows()), PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(Service, FaultTable, ValuesIn(service_rows()), PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(Store, FaultTable, ValuesIn(store_rows()), PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(ProcNet, OwnFaultTable, ValuesIn(proc_net_rows()), PrintToStringParamName());
 
 } // namespace
 

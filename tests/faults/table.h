@@ -10,8 +10,6 @@
 #ifndef TESTS_FAULTS_TABLE_H
 #define TESTS_FAULTS_TABLE_H
 
-#include <quillcore/memory.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <functional>
@@ -20,6 +18,7 @@
 #include <vector>
 
 #include "faults/shim.h"
+#include "support/owners.h"
 
 struct Outcome {
   int64_t result = 0;
@@ -65,18 +64,12 @@ struct Row {
 
 std::ostream& operator<<(std::ostream& out, const Row& row);
 
-std::vector<Row> memory_rows();
-std::vector<Row> utils_rows();
+std::vector<Row> base_rows();
 std::vector<Row> service_rows();
 std::vector<Row> store_rows();
 // These run in a child that has files, devices and interfaces of its own: see make_own_system().
 std::vector<Row> proc_net_rows();
 void make_own_system();
-
-struct PoolFree {
-  void operator()(qn_pool_t* pool) const { qn_pool_free(pool); }
-};
-using PoolPtr = std::unique_ptr<qn_pool_t, PoolFree>;
 
 // Takes all room that the blocks of the pool still have: the next request needs a new block.
 void exhaust(qn_pool_t* pool);
