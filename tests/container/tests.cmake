@@ -1,4 +1,3 @@
 quill_test(container_test
   container/config_test.cc
-  container/hash_table_test.cc
-  container/string_map_test.cc)
+  container/hash_table_test.cc)

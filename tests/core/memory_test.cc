@@ -1,186 +1,94 @@
-// Heap wrappers and pool: sizes at their limits, what is released when, what is logged.
+// Records of the heap; blocks of a pool: their limits, what is used again and when.
 #include <gtest/gtest.h>
-#include <quillcore/memory.h>
 
 #include <cerrno>
-#include <cstdint>
 #include <cstring>
-#include <memory>
+#include <string>
 #include <vector>
 
 #include "support/capture.h"
+#include "support/owners.h"
 
 namespace {
 
-struct PoolFree {
-  void operator()(qn_pool_t* pool) const { qn_pool_free(pool); }
-};
-using Pool = std::unique_ptr<qn_pool_t, PoolFree>;
+constexpr uint32_t kHeadSize = 7 * sizeof(void*), kBlockHeaderSize = 4 * sizeof(void*);
 
-constexpr uint32_t kHeadSize = 7 * sizeof(void*);
-constexpr uint32_t kBlockHeaderSize = 4 * sizeof(void*);
-
-bool all_zero(const void* bytes, size_t size) {
-  const std::vector<unsigned char> zeros(size, 0);
-  return memcmp(bytes, zeros.data(), size) == 0;
-}
-
-uintptr_t address(const void* ptr) { return reinterpret_cast<uintptr_t>(ptr); }
-
-TEST(Heap, GivesZeroFilledMemoryAndLogsIt) {
+TEST(Heap, TellsOfEachBlock) {
   const StderrCapture capture;
-  void* const plain = qn_alloc(32);
-  void* const aligned = qn_memalign(64, 100);
-  ASSERT_TRUE(plain != nullptr && aligned != nullptr);
-  EXPECT_TRUE(all_zero(plain, 32) && all_zero(aligned, 100));
-  EXPECT_EQ(0u, address(aligned) % 64);
-
-  char text[64];
-  snprintf(text, sizeof(text), "malloc ptr=%p, size=32 success.", plain);
-  const std::vector<Record> records = capture.records();
-  ASSERT_EQ(2u, records.size());
-  EXPECT_EQ((Record{records[0].stamp, 523, "D", "alloc", "memalloc", text}), records[0]);
-  EXPECT_EQ((Record{records[1].stamp, 525, "D", "alloc", "memalign",
-                    "memalign alignment=64, size=100 success."}),
-            records[1]);
-  qn_free(plain);
-  qn_free(aligned);
-}
-
-TEST(Heap, RefusesWhatItCannotServe) {
-  const StderrCapture capture;
-  EXPECT_EQ(nullptr, qn_alloc(0));
+  EXPECT_EQ(nullptr, qn_alloc(0)) << "of which nothing is told";
   EXPECT_EQ(nullptr, qn_memalign(16, 0));
-  EXPECT_EQ(nullptr, qn_strdup("text", UINT32_MAX));
-  EXPECT_EQ(nullptr, qn_strdup(nullptr, 4));
-  EXPECT_EQ("", capture.text());
-
   EXPECT_EQ(nullptr, qn_memalign(24, 8)) << "not a power of two";
-  const std::vector<Record> records = capture.records(526);
-  ASSERT_EQ(1u, records.size());
+  qn_free(qn_memalign(64, 100));
+  qn_free(qn_alloc(1));
+  EXPECT_EQ((std::vector<uint32_t>{526, 525, 523}), capture.logids());
   EXPECT_EQ(std::string("memalign alignment=24, size=8 failed. errno=(22,") + strerror(EINVAL) + ")",
-            records[0].text);
-  EXPECT_EQ("E", records[0].level);
+            capture.records(526)[0].text);
+  EXPECT_EQ("memalign alignment=64, size=100 success.", capture.records(525)[0].text);
 }
 
-TEST(Heap, ReallocCopiesTheSmallerSizeAndZeroesTheRest) {
-  const StderrCapture capture;
-  char* block = static_cast<char*>(qn_realloc(nullptr, 4, 99));
-  ASSERT_NE(nullptr, block);
-  memcpy(block, "abcd", 4);
-  block = static_cast<char*>(qn_realloc(block, 8, 4));
-  EXPECT_EQ(0, memcmp(block, "abcd\0\0\0\0", 8));
-  block = static_cast<char*>(qn_realloc(block, 2, 8));
-  EXPECT_EQ(0, memcmp(block, "ab", 2));
-  EXPECT_EQ(nullptr, qn_realloc(block, 0, 2)) << "the leak checker sees whether the old block went";
-}
+class Pool : public testing::Test {
+ protected:
+  void make(uint32_t block_size) { pool_.reset(qn_pool_create(block_size)); }
+  char* take(uint32_t size) const { return static_cast<char*>(qn_palloc(pool_.get(), size)); }
+  size_t told(uint32_t logid) const { return capture_.records(logid).size(); }
 
-TEST(Heap, StrdupReadsNoFurtherThanTheLength) {
-  const StderrCapture capture;
-  const char unterminated[3] = {'a', 'b', 'c'};
-  const struct {
-    const char* source;
-    uint32_t length;
-    const char* copy;
-  } rows[] = {{unterminated, 3, "abc"}, {"abc", 9, "abc"}, {"abc", 2, "ab"}, {"abc", 0, ""}};
-  for (const auto& row : rows) {
-    char* const copy = qn_strdup(row.source, row.length);
-    EXPECT_STREQ(row.copy, copy);
-    qn_free(copy);
-  }
-}
+  StderrCapture capture_;
+  PoolPtr pool_{qn_pool_create_default()};
+};
 
-TEST(Pool, ServesUpToMaxFromBlocksAndMoreFromTheHeap) {
-  const StderrCapture capture;
+TEST_F(Pool, ServesUpToMaxFromBlocksAndMoreFromTheHeap) {
   const struct {
     uint32_t block_size, max;
-  } rows[] = {{1024, 1024 - kHeadSize}, {kHeadSize + 4095, 4095}, {32768, 4095}};
+  } rows[] = {{1024, 1024 - kHeadSize}, {1023, 1023 - kHeadSize}, {32768, 4095}};
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.block_size);
-    const Pool pool(qn_pool_create(row.block_size));
-    void* const small = qn_palloc(pool.get(), row.max);
-    void* const large = qn_palloc(pool.get(), row.max + 1);
-    ASSERT_TRUE(small != nullptr && large != nullptr);
-    EXPECT_EQ(-1, qn_pfree(pool.get(), small));
-    EXPECT_EQ(0, qn_pfree(pool.get(), large));
-    EXPECT_EQ(-1, qn_pfree(pool.get(), large)) << "released already";
-    EXPECT_EQ(-1, qn_pfree(pool.get(), nullptr));
+    if (row.block_size != 1024) make(row.block_size);
+    capture_.clear();
+    EXPECT_EQ(-1, qn_pfree(pool_.get(), take(row.max)));
+    take(0);
+    EXPECT_EQ(row.block_size % 4 != 0, told(525)) << "no room where alignment leads past the end";
+    char* const large = take(row.max + 1);
+    EXPECT_EQ(0, qn_pfree(pool_.get(), large));
+    EXPECT_EQ(-1, qn_pfree(pool_.get(), large)) << "released already";
   }
-  EXPECT_EQ(nullptr, qn_pool_create(kHeadSize)) << "no room for a record of a large block";
+  constexpr uint32_t kSmallest = kHeadSize + 2 * sizeof(void*);
+  EXPECT_EQ(nullptr, qn_pool_create(kSmallest - 1)) << "no room for the record of a large block";
+  make(kSmallest);
+  EXPECT_EQ(nullptr, qn_service_inject_instance(pool_.get(), {}, UINT32_MAX / 2, nullptr)) << "wraps";
 }
 
-TEST(Pool, AlignsToFourAndTakesNoMoreThanThat) {
-  const Pool pool(qn_pool_create_default());
-  const uintptr_t first = address(qn_palloc(pool.get(), 1));
-  EXPECT_EQ(0u, first % 4);
-  EXPECT_EQ(first + 4, address(qn_palloc(pool.get(), 1)));
-  EXPECT_EQ(first + 8, address(qn_palloc(pool.get(), 0)));
-  EXPECT_EQ(first + 8, address(qn_palloc(pool.get(), 4)));
-  void* const zeroed = qn_pcalloc(pool.get(), 100);
-  EXPECT_TRUE(all_zero(zeroed, 100));
-}
-
-// Alignment can carry the cursor past the end of a block whose size is no multiple of four.
-TEST(Pool, AlignedCursorBehindTheEndMeansNoRoom) {
-  const StderrCapture capture;
-  const Pool pool(qn_pool_create(1023));
-  const uintptr_t first = address(qn_palloc(pool.get(), 1023 - kHeadSize));
-  const uintptr_t second = address(qn_palloc(pool.get(), 0));
-  EXPECT_TRUE(second < first || second > first - kHeadSize + 1023) << "from a second block";
-  EXPECT_EQ(1u, capture.records(525).size());
-}
-
-TEST(Pool, ReusesOneOfTheFirstFiveLargeRecords) {
-  const StderrCapture capture;
-  const Pool pool(qn_pool_create_default());
+TEST_F(Pool, ReusesOneOfTheFirstFiveLargeRecords) {
   std::vector<void*> large;
-  for (int i = 0; i < 6; i++) large.push_back(qn_palloc(pool.get(), 2000));
-  EXPECT_EQ(6u, capture.records(415).size());
-
-  capture.records();
-  EXPECT_EQ(0, qn_pfree(pool.get(), large[1])) << "the fifth from the head: newer records come first";
-  large[1] = qn_palloc(pool.get(), 2000);
-  EXPECT_EQ(6u, capture.records(415).size()) << "its record was reused";
-
-  EXPECT_EQ(0, qn_pfree(pool.get(), large[0])) << "the sixth from the head";
-  large[0] = qn_palloc(pool.get(), 2000);
-  ASSERT_EQ(7u, capture.records(415).size()) << "its record is out of reach";
-  EXPECT_EQ("not found exist large block.size=2000", capture.records(415)[0].text);
-  EXPECT_EQ("D", capture.records(415)[0].level);
+  for (int i = 0; i < 6; i++) large.push_back(take(2000));
+  for (const size_t made : {6u, 7u}) {
+    void*& block = large[7 - made]; // the fifth from the newest, then the sixth
+    EXPECT_EQ(0, qn_pfree(pool_.get(), block));
+    block = take(2000);
+    ASSERT_EQ(made, told(415));
+  }
 }
 
 // Fills one block after the other so that every request misses all blocks on the search path. The head
 // leaves the path with the sixth counted miss; a request that only the head has room for shows it.
-TEST(Pool, ABlockLeavesTheSearchPathAtItsSixthMiss) {
+TEST_F(Pool, ABlockLeavesTheSearchPathAtItsSixthMiss) {
   constexpr uint32_t kBlock = 256;
   constexpr uint32_t kBig = kBlock - kHeadSize; // fills a head but for nothing, a later block but for 24
-  for (int blocks_added = 6; blocks_added <= 8; blocks_added++) {
-    SCOPED_TRACE(blocks_added);
-    const StderrCapture capture;
-    const Pool pool(qn_pool_create(kBlock));
-    const uintptr_t head = address(pool.get());
-    ASSERT_EQ(head + kHeadSize, address(qn_palloc(pool.get(), kBig - 16)));
-    for (int i = 0; i < blocks_added; i++) qn_palloc(pool.get(), kBig);
+  for (const int added : {6, 7}) {
+    make(kBlock);
+    const char* const head = take(kBig - 16);
+    for (int i = 0; i < added; i++) take(kBig);
     // The first added block makes no counted miss: the head had no successor then.
-    const uintptr_t small = address(qn_palloc(pool.get(), 16));
-    const bool from_head = small > head && small < head + kBlock;
-    EXPECT_EQ(blocks_added - 1 < 6, from_head);
+    const char* const small = take(16);
+    EXPECT_EQ(added == 6, small == head + kBig - 16);
   }
 }
 
-TEST(Pool, ResetKeepsTheBlocksAndGivesUpLargeOnes) {
-  const StderrCapture capture;
-  const Pool pool(qn_pool_create_default());
-  void* const first = qn_palloc(pool.get(), 900);
-  const uintptr_t second = address(qn_palloc(pool.get(), 900));
-  qn_palloc(pool.get(), 5000);
-  const size_t made = capture.records(525).size();
-
-  qn_pool_reset(pool.get());
-  EXPECT_EQ(first, qn_palloc(pool.get(), 900));
-  EXPECT_EQ(second + kHeadSize - kBlockHeaderSize, address(qn_palloc(pool.get(), 900)))
-      << "a later block starts behind the size of the pool's head after a reset";
-  EXPECT_EQ(made, capture.records(525).size()) << "no block was added";
+TEST_F(Pool, ResetKeepsTheBlocksAndGivesUpLargeOnes) {
+  char *const first = take(900), *const second = take(900);
+  take(5000);
+  qn_pool_reset(pool_.get());
+  EXPECT_EQ(first, take(900));
+  EXPECT_EQ(second + kHeadSize - kBlockHeaderSize, take(900)) << "all blocks start alike then";
+  EXPECT_EQ(1u, told(525));
 }
 
 } // namespace

@@ -41,37 +41,17 @@ void StderrCapture::clear() {
   if (ftruncate(memory_, 0) == 0) lseek(memory_, 0, SEEK_SET);
 }
 
-namespace {
-
-// Takes the text up to `end` off the front of the line; false where there is no `end`.
-bool take(std::string& line, const std::string& end, std::string* out) {
-  const size_t at = line.find(end);
-  if (at == std::string::npos) return false;
-  *out = line.substr(0, at);
-  line.erase(0, at + end.size());
-  return true;
-}
-
-bool parse(std::string line, Record* record) {
-  std::string logid;
-  const bool whole = take(line, " [", &record->stamp) && take(line, "] [", &logid) &&
-                     take(line, "] [", &record->level) && take(line, "] [", &record->module) &&
-                     take(line, "] ", &record->biz_name);
-  if (!whole || logid.size() < 4 || logid.find_first_not_of("0123456789") != std::string::npos)
-    return false;
-  record->logid = static_cast<uint32_t>(std::stoul(logid));
-  record->text = line;
-  return true;
-}
-
-} // namespace
-
 std::vector<Record> StderrCapture::records() const {
   std::vector<Record> found;
   std::istringstream lines(text());
   for (std::string line; std::getline(lines, line);) {
-    Record record;
-    if (parse(line, &record)) found.push_back(record);
+    char stamp[32], level[8], module[64], biz_name[64];
+    uint32_t logid = 0;
+    int start = 0;
+    sscanf(line.c_str(), "%31[0-9: -][%u] [%7[^]]] [%63[^]]] [%63[^]]]%n", stamp, &logid, level, module,
+           biz_name, &start);
+    if (start == 0 || line[start] != ' ') continue;
+    found.push_back({stamp, logid, level, module, biz_name, line.substr(start + 1)});
   }
   return found;
 }
