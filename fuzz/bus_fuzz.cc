@@ -1,48 +1,88 @@
-// A broker that says anything: the client connects, subscribes and serves for a while, and must come back
-// from each call in bounded time, with nothing lost. The input is what the broker sends; bit 0 of its
-// first byte puts a good hello in front.
+// A broker that says anything, and the fields of a message: whatever bytes come, the readers stay inside
+// them, and the client comes back from each call in bounded time with nothing lost.
+//
+// Bit 1 of the input's first byte: what follows is the body of a message. Otherwise it is what the broker
+// sends, with a good hello in front where bit 0 is set.
 #include <libubus.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <string>
+#include <memory>
 #include <thread>
+
+#include "fuzz/input.h"
+#include "standin/message.h"
 
 namespace {
 
 constexpr char kHello[12] = {0, 0, 0, 0, 0x12, 0x34, 0x56, 0x78, 0, 0, 0, 4};
 constexpr int kRounds = 8;
+constexpr int kDepthMax = 8;
 
-int g_events;
-int g_lost;
+uint64_t g_sum; // what was read, so that reading is not optimised away
 
-void on_event(ubus_context*, ubus_event_handler*, const char* type, blob_attr* msg) {
-  g_events += strlen(type) != 0 && blob_len(msg) != 0;
+void read_fields(blob_attr* container, int depth) {
+  blob_attr* field;
+  size_t rem;
+  blobmsg_for_each_attr(field, container, rem) {
+    if (!blobmsg_check_attr(field, false)) continue;
+    g_sum += strlen(blobmsg_name(field)) + blobmsg_data_len(field);
+    const int type = blobmsg_type(field);
+    if (type == BLOBMSG_TYPE_INT8) g_sum += blobmsg_get_u8(field);
+    if (type == BLOBMSG_TYPE_INT16) g_sum += blobmsg_get_u16(field);
+    if (type == BLOBMSG_TYPE_INT32) g_sum += blobmsg_get_u32(field);
+    if (type == BLOBMSG_TYPE_INT64) g_sum += blobmsg_get_u64(field);
+    if (type == BLOBMSG_TYPE_DOUBLE) g_sum += blobmsg_get_double(field) > 0;
+    if (type == BLOBMSG_TYPE_STRING) g_sum += strlen(blobmsg_get_string(field));
+    const bool may_hold_others = type <= BLOBMSG_TYPE_TABLE;
+    if (may_hold_others && depth < kDepthMax) read_fields(field, depth + 1);
+  }
 }
 
-void on_lost(ubus_context*) { g_lost++; }
+void read_data(blob_attr* data) {
+  read_fields(data, 0);
+  const blobmsg_policy policy[] = {
+      {"node", BLOBMSG_TYPE_STRING}, {"hops", BLOBMSG_TYPE_INT32}, {"tab", BLOBMSG_TYPE_UNSPEC}};
+  blob_attr* fields[3];
+  blobmsg_parse(policy, 3, fields, blob_data(data), static_cast<unsigned int>(blob_len(data)));
+  for (size_t i = 0; i < 3; i++) {
+    if (fields[i] != nullptr) require(strcmp(blobmsg_name(fields[i]), policy[i].name) == 0, "a field");
+  }
+}
+
+void read_body(const uint8_t* data, size_t size) {
+  // A block of just this size: a byte read behind it is found.
+  const std::unique_ptr<uint8_t[]> body(new uint8_t[size]);
+  memcpy(body.get(), data, size);
+  const qn::bus::MessageBody found = qn::bus::parse_body(body.get(), size);
+  if (found.method != nullptr) g_sum += strlen(found.method);
+  if (found.data != nullptr) read_data(found.data);
+}
+
+void on_event(ubus_context*, ubus_event_handler*, const char* type, blob_attr* msg) {
+  g_sum += strlen(type);
+  read_data(msg);
+}
 
 int listen_at(const std::string& path) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
-  snprintf(address.sun_path, sizeof(address.sun_path), "%s", path.c_str());
+  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 || listen(fd, 4) != 0)
-    abort();
+  require(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0, "bind");
+  require(listen(fd, 4) == 0, "listen");
   return fd;
 }
 
 // Says all of the input at once and closes, so that no wait of the client is a long one.
-void serve(int listener, const uint8_t* data, size_t size) {
+void serve(int listener, bool is_greeted, const uint8_t* data, size_t size) {
   const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-  if ((data[0] & 1) != 0 && write(fd, kHello, sizeof(kHello)) < 0) abort();
-  if (send(fd, data + 1, size - 1, MSG_NOSIGNAL) < 0 && size > 1 && errno != EPIPE) abort();
+  if (is_greeted) require(write(fd, kHello, sizeof(kHello)) == sizeof(kHello), "the hello");
+  require(send(fd, data, size, MSG_NOSIGNAL) >= 0 || errno == EPIPE, "the input");
   close(fd);
 }
 
@@ -50,17 +90,20 @@ void serve(int listener, const uint8_t* data, size_t size) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
+  if ((data[0] & 2) != 0) {
+    read_body(data + 1, size - 1);
+    return 0;
+  }
   static const std::string path = "/tmp/quill-bus-fuzz." + std::to_string(getpid());
   static const int listener = [] {
     atexit([] { unlink(path.c_str()); });
     return listen_at(path);
   }();
-  std::thread broker(serve, listener, data, size);
-  g_lost = 0;
+  std::thread broker(serve, listener, (data[0] & 1) != 0, data + 1, size - 1);
   if (ubus_context* const ctx = ubus_connect(path.c_str())) {
     ubus_event_handler handler = {};
     handler.cb = on_event;
-    ctx->connection_lost = on_lost;
+    ctx->connection_lost = [](ubus_context*) {};
     uloop_fd_add(&ctx->sock, ULOOP_READ | ULOOP_BLOCKING);
     ubus_register_event_handler(ctx, &handler, "mesh.*");
     for (int i = 0; i < kRounds && ctx->sock.registered; i++) uloop_run_timeout(0);

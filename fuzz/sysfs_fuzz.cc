@@ -1,23 +1,16 @@
 // One text in all the files that the kernel tells about an interface with, against a second reader of
 // each. The interface is a folder elsewhere, which its name leads to.
 #include <quillcore/interface.h>
-#include <sys/stat.h>
 
-#include <cctype>
 #include <climits>
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <string>
 
-#include "core/log_gate.h"
+#include "fuzz/input.h"
+#include "support/gate.h"
 #include "support/temp_dir.h"
 
 namespace {
-
-constexpr char kWhite[] = " \t\n\v\f\r";
-constexpr char kPort[] = "port";
 
 // The folder of the interface: one file under every name.
 class Interface {
@@ -43,39 +36,12 @@ class Interface {
 
 // What a buffer of `size` bytes gets of the first line, as a C string.
 std::string first_line(const std::string& text, size_t size) {
-  const std::string line = text.substr(0, std::min(text.find('\n'), size - 1));
-  return line.c_str();
-}
-
-// Sign and digits behind white space, saturated; negative numbers wrap.
-uint64_t decimal(const std::string& text, bool* exact) {
-  size_t at = std::min(text.find_first_not_of(kWhite), text.size());
-  const bool negative = at < text.size() && text[at] == '-';
-  if (at < text.size() && (text[at] == '-' || text[at] == '+')) at++;
-  uint64_t number = 0;
-  *exact = true;
-  for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; at++) {
-    const uint64_t digit = static_cast<uint64_t>(text[at] - '0');
-    *exact = *exact && number <= (UINT64_MAX - digit) / 10;
-    number = *exact ? number * 10 + digit : UINT64_MAX;
-  }
-  return negative && *exact ? 0 - number : number;
-}
-
-// Whether `got` is what atoi() may give for the text; too large a number is anything.
-bool is_number(const std::string& text, int32_t got) {
-  bool exact = false;
-  const int64_t number = static_cast<int64_t>(decimal(text, &exact));
-  const size_t at = std::min(text.find_first_not_of(kWhite), text.size());
-  const bool negative = at < text.size() && text[at] == '-';
-  if (!exact || (number != 0 && (number < 0) != negative)) return true; // past 64 bits with a sign
-  return number < INT_MIN || number > INT_MAX || number == got;
+  return text.substr(0, std::min(text.find('\n'), size - 1)).c_str();
 }
 
 int32_t oper_state(const std::string& text) {
-  if (text.empty()) return 2;
   std::string state = first_line(text, 32);
-  state.erase(state.find_last_not_of(kWhite) + 1);
+  state.erase(state.find_last_not_of(" \t\n\v\f\r") + 1);
   const std::pair<const char*, int32_t> codes[] = {
       {"up", 0},      {"unknown", 0},    {"down", 1},           {"testing", 2},
       {"dormant", 3}, {"notpresent", 4}, {"lowerlayerdown", 5},
@@ -86,55 +52,49 @@ int32_t oper_state(const std::string& text) {
   return 2;
 }
 
-void check(bool held) {
-  if (!held) abort();
-}
-
-void check_carrier(const char* intf_name, const std::string& text) {
-  bool exact = false;
-  const std::string state = text.substr(0, 3).c_str();
-  check(QnIntfGetPowerState(intf_name) == (decimal(state, &exact) != 0 ? 0 : 2));
+// Too large a number is anything.
+void check_speed(const char* intf_name, const std::string& text) {
+  const long long number = strtoll(first_line(text, 64).c_str(), nullptr, 10);
+  const bool fits = number >= INT_MIN && number <= INT_MAX;
+  require(!fits || QnIntfGetSpeed(intf_name) == number, "the speed");
 }
 
 void check_counters(const char* intf_name, const std::string& text) {
-  bool exact = false;
-  const uint64_t expected = decimal(first_line(text, 32), &exact);
+  const uint64_t expected = strtoull(first_line(text, 32).c_str(), nullptr, 10);
   qn_intf_eth_metric_t metric;
   QnIntfGetEthMetric(intf_name, &metric);
   for (const uint64_t counter : {metric.rx_packets, metric.rx_errors, metric.tx_packets, metric.tx_errors,
                                  metric.rx_bytes, metric.tx_bytes}) {
-    check(counter == expected);
+    require(counter == expected, "a counter");
   }
 }
 
 // The two readers of port numbers agree, and both understand what the kernel writes.
 void check_port(const char* intf_name, const std::string& text) {
-  const int32_t index = QnIntfGetPortIndex(intf_name);
-  const uint32_t number = static_cast<uint32_t>(index) + 1;
+  const uint32_t number = static_cast<uint32_t>(QnIntfGetPortIndex(intf_name)) + 1;
   char name[3] = "##";
-  const int32_t found = QnIntfGetNameByPortNo(intf_name, number, name, sizeof(name));
-  check(found == 0 || number == 0); // index -1: no number, or the number 0
-  check(strcmp(name, found == 0 ? std::string(kPort, 2).c_str() : "##") == 0);
+  const bool found = QnIntfGetNameByPortNo(intf_name, number, name, sizeof(name)) == 0;
+  require(found || number == 0, "a port"); // index -1: no number, or the number 0
+  require(strcmp(name, found ? "po" : "##") == 0, "a port's name");
   const size_t digits = text.find_first_not_of("0123456789abcdef", 2);
-  if (text.starts_with("0x") && digits != std::string::npos && digits > 2 && digits <= 10 &&
-      text[digits] == '\n') {
-    check(found == 0 && number == strtoul(text.c_str(), nullptr, 16));
-  }
+  if (text.starts_with("0x") && digits > 2 && digits <= 10 && text[digits] == '\n')
+    require(found && number == strtoul(text.c_str(), nullptr, 16), "the kernel's form of a number");
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const Interface intf;
-  static const std::string name = intf.name();
-  qn::log_gate_set_current(qn::kGateNoMaps);
-  const std::string text(reinterpret_cast<const char*>(data), size);
+  static const std::string path = intf.name();
+  const char* const name = path.c_str();
+  const GateAt quiet(0);
+  const std::string text = to_text(data, size);
   intf.tell(text);
-  check(qn_cheack_intf_is_exist(name.c_str()) == 1);
-  check(QnIntfGetOperState(name.c_str()) == oper_state(text));
-  check(is_number(first_line(text, 64), QnIntfGetSpeed(name.c_str())));
-  check_carrier(name.c_str(), text);
-  check_counters(name.c_str(), text);
-  check_port(name.c_str(), text);
+  require(qn_cheack_intf_is_exist(name) == 1, "it is there");
+  require(QnIntfGetOperState(name) == oper_state(text), "the state");
+  require(QnIntfGetPowerState(name) == (atoi(text.substr(0, 3).c_str()) != 0 ? 0 : 2), "the carrier");
+  check_speed(name, text);
+  check_counters(name, text);
+  check_port(name, text);
   return 0;
 }
