@@ -190,8 +190,9 @@ void* qn::palloc_aligned(qn_pool_t* pool, uint32_t size, uint32_t alignment) {
 
 qn_pool_t* qn_pool_create(uint32_t block_size) {
   if (block_size < sizeof(qn_pool) + sizeof(qn_pool_large_t)) return nullptr;
-  if (block_size > SIZE_MAX - sizeof(SearchHint)) return nullptr;
-  void* const memory = memalign(kBlockAlignment, sizeof(SearchHint) + block_size);
+  size_t size = 0;
+  if (__builtin_add_overflow(sizeof(SearchHint), block_size, &size)) return nullptr;
+  void* const memory = memalign(kBlockAlignment, size);
   if (memory == nullptr) return nullptr;
 
   qn_pool* const pool = reinterpret_cast<qn_pool*>(static_cast<SearchHint*>(memory) + 1);
