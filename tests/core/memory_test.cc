@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -65,30 +66,52 @@ TEST_F(Pool, ReusesOneOfTheFirstFiveLargeRecords) {
     block = take(2000);
     ASSERT_EQ(made, told(415));
   }
-}
-
-// Fills one block after the other so that every request misses all blocks on the search path. The head
-// leaves the path with the sixth counted miss; a request that only the head has room for shows it.
-TEST_F(Pool, ABlockLeavesTheSearchPathAtItsSixthMiss) {
-  constexpr uint32_t kBlock = 256;
-  constexpr uint32_t kBig = kBlock - kHeadSize; // fills a head but for nothing, a later block but for 24
-  for (const int added : {6, 7}) {
-    make(kBlock);
-    const char* const head = take(kBig - 16);
-    for (int i = 0; i < added; i++) take(kBig);
-    // The first added block makes no counted miss: the head had no successor then.
-    const char* const small = take(16);
-    EXPECT_EQ(added == 6, small == head + kBig - 16);
-  }
-}
-
-TEST_F(Pool, ResetKeepsTheBlocksAndGivesUpLargeOnes) {
-  char *const first = take(900), *const second = take(900);
-  take(5000);
   qn_pool_reset(pool_.get());
-  EXPECT_EQ(first, take(900));
-  EXPECT_EQ(second + kHeadSize - kBlockHeaderSize, take(900)) << "all blocks start alike then";
-  EXPECT_EQ(1u, told(525));
+  EXPECT_EQ(-1, qn_pfree(pool_.get(), large[5])) << "it is gone";
+}
+
+// The search told plainly: from `current` on, the first block with room for the request.
+struct PlainPool {
+  struct Block {
+    char* start;
+    uint32_t used, failed;
+  };
+
+  // Where the request is served from; null when that takes another block.
+  char* place(uint32_t size) {
+    for (size_t i = current; i < blocks.size(); i++) {
+      const uint32_t at = (blocks[i].used + 3) / 4 * 4;
+      if (at + size > block_size) continue;
+      blocks[i].used = at + size;
+      return blocks[i].start + at;
+    }
+    for (size_t i = current; i + 1 < blocks.size(); i++) {
+      if (blocks[i].failed++ > 4) current = i + 1;
+    }
+    return nullptr;
+  }
+
+  uint32_t block_size;
+  std::vector<Block> blocks;
+  size_t current = 0;
+};
+
+TEST_F(Pool, ServesFromWhereAPlainSearchFindsRoom) {
+  make(250);
+  PlainPool plain{250, {{reinterpret_cast<char*>(pool_.get()), kHeadSize, 0}}};
+  std::minstd_rand random(1);
+  for (int i = 0; i < 20000; i++) {
+    const uint32_t limit = random() % 3 != 0 ? 20 : 250 - kHeadSize + 1;
+    const uint32_t size = static_cast<uint32_t>(random() % limit);
+    char *const expected = plain.place(size), *const got = take(size);
+    if (expected == nullptr) plain.blocks.push_back({got - kBlockHeaderSize, kBlockHeaderSize + size, 0});
+    if (expected != nullptr) ASSERT_EQ(expected, got) << i;
+    if (random() % 1000 != 0) continue;
+    qn_pool_reset(pool_.get());
+    for (PlainPool::Block& block : plain.blocks) block = {block.start, kHeadSize, 0};
+    plain.current = 0;
+  }
+  EXPECT_EQ(plain.blocks.size() - 1, told(525));
 }
 
 } // namespace

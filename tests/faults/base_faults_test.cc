@@ -53,6 +53,7 @@ int64_t fill_pool(const char*) {
   void* const blocks[] = {qn_palloc(pool.get(), 300), qn_pcalloc(pool.get(), 64),
                           qn_apis_new(pool.get(), 1, g_rows),
                           qn_service_inject_instance(pool.get(), g_rows, 1, nullptr)};
+  qn_pool_reset(pool.get());
   return number_of(blocks);
 }
 

@@ -50,6 +50,17 @@ TEST(Mac, IsATextOfOneFormOrOfAnInterface) {
   EXPECT_EQ(-1, qn_utils_get_intf_mac_addr("no-such-intf", mac));
 }
 
+TEST(Random, MakesKeysOutOfItsAlphabet) {
+  char key[] = "##################", other[] = "################";
+  qn_generate_random_key(key, 16);
+  qn_generate_random_key(other, 16);
+  EXPECT_EQ(16u, strspn(key, "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789"));
+  EXPECT_STREQ("#", key + 17);
+  EXPECT_STRNE(key, other);
+  for (const int none : {0, -1}) qn_random_close(none);
+  EXPECT_EQ(0u, qn_random_get_num(-1));
+}
+
 TEST(Codes, AreTranslatedByTheirTables) {
   const uint32_t cm[] = {0x01, 0x20, 0x40, 0x60, 0x02, 0x22, 0x04, 0x08, 0x10, 0x18, 0x20};
   const uint32_t wlan[] = {0x01, 0x04, 0x02, 0x20, 0x22, 0x08, 0x10, 0x18, 0x20, 0x40, 0x60, 0x20};
@@ -78,6 +89,8 @@ TEST(DumpHex, PutsNineElementsOnTheFirstLineAndEightOnLaterOnes) {
 
   const StderrCapture capture;
   qn_utils_dump_hex("\0A%\xff", 4, 0);
+  qn_utils_dump_hex(nullptr, 4, 0);
+  EXPECT_EQ("", capture.records(609).at(1).text);
   EXPECT_EQ("0x00(0) 0x41(A) 0x25(%) 0xff(\xff) ", capture.records(609).at(0).text);
 }
 
