@@ -61,3 +61,65 @@ configure_target() {
 
 # The libraries that a program or library asks for, by name.
 needed_of() { readelf -d "$1" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | sort | paste -sd ' '; }
+
+# What a script may want of the kernel: what that takes | how unshare is called | what must work there.
+declare -rA ABILITIES=(
+  [mounts]='a mount namespace with a tmpfs in it (CAP_SYS_ADMIN)|--mount|mount -t tmpfs tmpfs /tmp'
+  [overlay]='an overlay on /etc (CAP_SYS_ADMIN, overlayfs)|--mount|mount -t tmpfs tmpfs /tmp
+    mkdir /tmp/upper /tmp/work
+    mount -t overlay -o lowerdir=/etc,upperdir=/tmp/upper,workdir=/tmp/work overlay /etc'
+  [network]='a network namespace that /sys shows (CAP_SYS_ADMIN)|--mount --net|mount -t sysfs sysfs /sys'
+  [links]='pairs of interfaces and bridges (CAP_SYS_ADMIN, CAP_NET_ADMIN, veth, bridge)|--net|
+    ip link add name left0 type veth peer name right0
+    ip link add name bridge0 type bridge'
+  [processes]='a PID namespace (CAP_SYS_ADMIN)|--pid --fork|true'
+)
+
+# can ABILITY...: tries each, in namespaces that end with the attempt, and says what is missing. 0 if all work.
+can() {
+  local ability takes options commands said lacking=0 user=()
+  ((EUID == 0)) || user=(--user --map-root-user)
+  for ability; do
+    IFS='|' read -r -d '' takes options commands <<<"${ABILITIES[$ability]}" || true
+    # shellcheck disable=SC2086 # options are words
+    said=$(unshare "${user[@]}" $options sh -ec "$commands" 2>&1) && continue
+    lacking=1
+    say "Missing here: $takes${user:+, in a user namespace since this is not root}: ${said##*$'\n'}"
+  done
+  return $lacking
+}
+
+can_run_suite() { can mounts overlay network links processes; }
+
+# skip WHAT: says and counts what is left out, one thing or as many as a second argument says.
+skipped=0
+skip() {
+  skipped=$((skipped + ${2-1}))
+  say "  skipped: $1"
+}
+
+# run_suite FOLDER CTEST_OPTION...: runs the test suite of a build folder. Whatever the outcome, what was skipped
+# is counted: cases by the programs' own lines, whole programs by those of ctest. The status is that of ctest.
+run_suite() {
+  local folder=$1 status=0 program cases
+  shift
+  ctest --test-dir "$folder" --no-tests=error --parallel "$(nproc)" --output-on-failure "$@" |
+    tee "$folder/suite.txt" || status=$?
+  while read -r program cases; do
+    skip "$cases cases of $program" "$cases"
+  done < <(awk '$2 == "Testing:" { program = $3 }
+                /^\[  SKIPPED \] .* \([0-9]+ ms\)$/ { cases[program]++ }
+                END { for (program in cases) print program, cases[program] }' \
+    "$folder/Testing/Temporary/LastTest.log" | sort)
+  while read -r program; do
+    skip "$program"
+  done < <(sed -nE 's/^.*: ([^ ]+) \.*\*\*\*Skipped.*/\1/p' "$folder/suite.txt")
+  return $status
+}
+
+# finish TEXT: the last line of a script: what it did, and how much it left out, which is a failure where
+# nothing may be, as CI=true in the environment says.
+finish() {
+  ((skipped == 0)) || [[ ${CI-} != true ]] || die "$skipped skipped, which CI=true does not allow"
+  say "$1; $skipped skipped"
+}

@@ -350,7 +350,8 @@ TEST(Bridges, TakePortsAndNameThem) {
         << "the first name is taken";
     EXPECT_EQ(-1, QnIntfCreateVEthPair(nullptr, "right1"));
 
-    if (!run("ip link add br0 type bridge") || !run("ip link set br0 up")) return;
+    if (!run("ip link add br0 type bridge") || !run("ip link set br0 up"))
+      GTEST_SKIP() << "the kernel has no bridges";
     EXPECT_EQ(1u, QnBridgeIsExist("br0") & QnIntfIsBridgeDev("br0"));
     EXPECT_EQ(0u, QnBridgeIsExist("left0") | QnIntfIsBridgeDev("left0") | QnIntfIsVEthDev("br0"));
     EXPECT_EQ(0, QnIntfAddIfToBridge("br0", "left0"));
