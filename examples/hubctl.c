@@ -183,6 +183,7 @@ static int send_words(int fd, const struct command* command, char** words, int c
 }
 
 int main(int argc, char** argv) {
+  if (argc == 2 && strcmp(argv[1], "--version") == 0) return puts("hubctl " QN_VERSION) < 0;
   if (argc < 4 || strcmp(argv[1], "--socket") != 0) return usage();
   const struct command* command = find_command(argv[3], argc - 4);
   if (command == NULL) return usage();

@@ -236,6 +236,7 @@ static int wait_for_the_end(const sigset_t* ending) {
 
 int main(int argc, char** argv) {
   if (fill_standard_streams() != 0) return 1;
+  if (argc == 2 && strcmp(argv[1], "--version") == 0) return puts("hubd " QN_VERSION) < 0;
   if (read_arguments(argc, argv) != 0) {
     fail("usage: hubd --dir DIR [--socket PATH] [--bus PATH] [--daemon]");
     return 2;

@@ -1,4 +1,4 @@
-// What every public header of libquillcore shares: linkage, visibility, checked formats.
+// What every public header of libquillcore shares: version, linkage, visibility, checked formats.
 //
 // Unless a function says otherwise, four lifetimes hold for every pointer of this library:
 //   1. What a caller passes in is read during the call only; the library keeps no copy of the pointer.
@@ -9,6 +9,12 @@
 //      stays the caller's and must outlive whatever was started with it.
 #ifndef QUILLCORE_API_H
 #define QUILLCORE_API_H
+
+// The version of these headers. Callers that were compiled against an equal major one go on working.
+#define QN_VERSION "1.0.0"
+#define QN_VERSION_MAJOR 1
+#define QN_VERSION_MINOR 0
+#define QN_VERSION_PATCH 0
 
 #ifdef __cplusplus
 #define QN_BEGIN_DECLS extern "C" {

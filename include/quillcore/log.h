@@ -52,6 +52,16 @@ QN_BEGIN_DECLS
 
 typedef struct qn_log qn_log_t; // opaque
 
+// One record of a process's own, on qn_log_core_adpater() with header and line feed; `...` is the text
+// and its arguments, which the compiler checks against it. An expression with the result of that call.
+//
+//   QN_LOG_RECORD(QN_LOG_W, 9003, "hubd", "hubd_user", "user %u may not %s.", uid, what);
+//
+// A record that is refused costs the call, one load and one compare; its arguments are evaluated all the
+// same.
+#define QN_LOG_RECORD(level, logid, module, biz_name, ...) \
+  qn_log_core_adpater((level), (logid), (module), 1, 1, (biz_name), __VA_ARGS__)
+
 // Writes a record to the process's instance, or to standard error while there is none.
 // Returns 0 when its level is refused, 1 when it is a trace record and trace is off, otherwise what the
 // sink returns; callers have no need to look at it.
@@ -108,19 +118,27 @@ QN_API int32_t qn_log_dump_macaddr_adpater(uint32_t level, uint32_t logid, const
 // returns. A link in the place of a file is followed if root or the process's own user made it; with
 // another user's the file cannot be opened.
 //
-//   role   1      2        3        4        5      6       7        8         9            10
-//   name   qntty  hubd     leafd    admd     relay  arcd    arc_tty  lib_call  nw_lib_call  nil
-//   limit  65536  1572864  1572864  1048576  65536  524288  65536    131072    65536        1048576
-//
 // A child of fork() may log too: when parent or child has moved a file aside, the other goes on in the
 // new one behind its next record. Should both do so at one and the same moment, the older of the two
 // files can be lost. Other than that a role's files belong to one process, and in it to one instance, at
 // a time, unless `append` is 1: with 0 the second one empties what the first has written.
 
+// The roles, with the name that their files and permissions have, and their limit in bytes.
+#define QN_LOG_ROLE_QNTTY 1u       // "qntty", 65536
+#define QN_LOG_ROLE_HUBD 2u        // "hubd", 1572864
+#define QN_LOG_ROLE_LEAFD 3u       // "leafd", 1572864
+#define QN_LOG_ROLE_ADMD 4u        // "admd", 1048576
+#define QN_LOG_ROLE_RELAY 5u       // "relay", 65536
+#define QN_LOG_ROLE_ARCD 6u        // "arcd", 524288
+#define QN_LOG_ROLE_ARC_TTY 7u     // "arc_tty", 65536
+#define QN_LOG_ROLE_LIB_CALL 8u    // "lib_call", 131072
+#define QN_LOG_ROLE_NW_LIB_CALL 9u // "nw_lib_call", 65536
+#define QN_LOG_ROLE_NIL 10u        // "nil", 1048576; what every other number becomes
+
 // Makes an instance. Its records pass by the permissions that qn_log_new_singleton_instance() has loaded;
 // before that, and after the process's instance has ended, levels G and F alone pass. Bits 0 to 3 of
-// `config_level` are a level of 0 to 6, which no gate reads; bit 7 means that it writes no files. A role
-// outside 1 to 9 becomes 10. `append` not 0 continues the files of an earlier run, 0 empties them;
+// `config_level` are a level of 0 to 6, which no gate reads; bit 7 means that it writes no files. `role`
+// is a QN_LOG_ROLE_*. `append` not 0 continues the files of an earlier run, 0 empties them;
 // backups stay. The caller ends it with qn_log_free(). Returns null for a level above 6, when memory is
 // short and when a file cannot be opened (printed on standard error).
 QN_API qn_log_t* qn_log_local_new(uint32_t config_level, uint32_t role, uint32_t append);

@@ -6,6 +6,7 @@
 #define QUILLCORE_PROCESS_H
 
 #include <quillcore/api.h>
+#include <stddef.h>
 #include <stdint.h>
 
 QN_BEGIN_DECLS
@@ -45,7 +46,8 @@ QN_API int32_t qn_proc_clean_pidfile(const char* name);
 // One supervised child. The caller owns the record and keeps it as long as the child runs; parent and
 // child have a copy each.
 typedef struct qn_child_proc {
-  // The child's main routine. `arg` is the address of `name` below; its result becomes the exit status.
+  // The child's main routine. `arg` is the address of `name` below, see qn_proc_child_of_entry(); its
+  // result becomes the exit status.
   // It watches `read_fd` for the stop word and answers with any word on `write_fd`, or exits.
   int32_t (*entry)(void* arg);
   const char* name;         // for the log
@@ -54,6 +56,11 @@ typedef struct qn_child_proc {
   int32_t read_fd;          // this side's read end, blocking
   int32_t write_fd;         // this side's write end, not blocking
 } qn_child_proc_t;
+
+// The child's record, out of the argument that its `entry` was given.
+static inline qn_child_proc_t* qn_proc_child_of_entry(void* arg) {
+  return (qn_child_proc_t*)(void*)((char*)arg - offsetof(qn_child_proc_t, name));
+}
 
 // Forks a child that runs `entry` in a session of its own. Only the calling thread goes on in the child,
 // so `entry` must not count on locks that other threads held. Several threads may start children at once,

@@ -15,7 +15,7 @@
 
 namespace qn {
 
-constexpr uint32_t kRoleCount = 11;
+constexpr uint32_t kRoleCount = QN_LOG_ROLE_NIL + 1; // and one that is never in use
 
 // Bits of a gate word. Bit L, for L of 2 to 5, says that a record of level L may pass; where single
 // switches are on all four are set, and what decides is bit kStrictShift + L and the switches.

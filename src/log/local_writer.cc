@@ -37,7 +37,6 @@ constexpr Message kNameFailed{QN_LOG_E, 0, kModule, "qn_log_backup_log_file_if_n
 constexpr uint32_t kLevelMask = 0x0F;
 constexpr uint32_t kLevelMax = 6;
 constexpr uint32_t kNoWriter = 0x80;
-constexpr uint32_t kRoleNil = 10;
 constexpr int32_t kLiveIndex = 0;
 constexpr int32_t kBackupIndex = 1;
 constexpr uint32_t kFileMode = 0660;
@@ -163,7 +162,7 @@ qn_log_t* qn_log_local_new(uint32_t config_level, uint32_t role, uint32_t append
   if (!log) return QN_FAIL_PRINTLN(nullptr, kLogFailed);
   memset_s(log.get(), sizeof(qn_log_t), 0, sizeof(qn_log_t));
   log->config_level = config_level;
-  log->role = role >= 1 && role < kRoleNil ? role : kRoleNil;
+  log->role = role >= QN_LOG_ROLE_QNTTY && role < QN_LOG_ROLE_NIL ? role : QN_LOG_ROLE_NIL;
   log->active = 1;
   if ((config_level & kNoWriter) == 0 && qn_log_local_wirter_init(*log, append) != 0) return nullptr;
   return log.release();

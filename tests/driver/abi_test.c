@@ -11,7 +11,6 @@
 #include <sched.h>
 #include <signal.h>
 #include <stdatomic.h>
-#include <stddef.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/ioctl.h>
@@ -86,12 +85,13 @@ static void test_memory(void) {
 
 static void test_log(void) {
   family = "log";
-  check(qn_init_dir() == 0 && qn_log_new_singleton_instance(0, 2, 0) == 0, "folders and an instance");
-  qn_log_core_adpater(QN_LOG_D, 7001, "abi", 1, 1, "write", "refused %d", 1);
+  check(qn_init_dir() == 0 && qn_log_new_singleton_instance(0, QN_LOG_ROLE_HUBD, 0) == 0,
+        "folders and an instance");
+  QN_LOG_RECORD(QN_LOG_D, 7001, "abi", "write", "refused %d", 1);
   check(!file_holds(kLog, "refused"), "level D is refused by default");
-  qn_log_core_adpater(QN_LOG_I, 7002, "abi", 1, 1, "write", "%d %s %llu", -5, "text", 0x123456789abULL);
+  QN_LOG_RECORD(QN_LOG_I, 7002, "abi", "write", "%d %s %llu", -5, "text", 0x123456789abULL);
   check(file_holds(kLog, "[7002] [I] [abi] [write] -5 text 1250999896491\n"), "64-bit numbers");
-  qn_log_core_adpater(QN_LOG_E, 7003, "abi", 1, 1, "write", "bad");
+  QN_LOG_RECORD(QN_LOG_E, 7003, "abi", "write", "bad");
   check(file_holds(kLog, "[7003] [E]") && file_holds(kErrors, "[7003] [E]"), "level E is in both files");
   qn_log_fault_adpater(7004, "overrun", "abi", 1, "write", "fault %s", "text");
   check(file_holds(kErrors, "[7004] [F] [abi] [write] [overrun] fault text"), "a fault's own bracket");
@@ -275,7 +275,7 @@ static void test_bus(void) {
 }
 
 static int32_t run_child(void* arg) {
-  qn_child_proc_t* self = (qn_child_proc_t*)((char*)arg - offsetof(qn_child_proc_t, name));
+  qn_child_proc_t* self = qn_proc_child_of_entry(arg);
   uint32_t word = 0;
   for (int i = 0; i < 100000; i++) qn_proc_child_send_heatbeat(self);
   return read(self->read_fd, &word, sizeof(word)) == 4 && word == QN_PROC_STOP_WORD ? 7 : 8;

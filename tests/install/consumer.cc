@@ -19,6 +19,8 @@ int main() {
 
   char key[17];
   qn_generate_random_key(key, 16);
+  QN_LOG_RECORD(QN_LOG_I, 9100, "consumer", "main", "library %s, key of %zu", QN_VERSION,
+                std::strlen(key));
   std::printf("consumer: table %s, key of %zu\n", found ? "held" : "lost", std::strlen(key));
   return found && std::strlen(key) == 16 ? 0 : 1;
 }

@@ -51,7 +51,11 @@ if grep -rlF -e "$source" -e "$build" -e "$work" "$prefix/include" "$prefix/lib/
 fi
 
 export PKG_CONFIG_PATH="$prefix/lib/pkgconfig" LD_LIBRARY_PATH="$prefix/lib"
-[ "$(pkg-config --modversion quillcore)" = 1.0.0 ] || fail "the version in quillcore.pc"
+version=$(pkg-config --modversion quillcore)
+for program in hubd hubctl; do
+  [ "$("$prefix/bin/$program" --version)" = "$program $version" ] || fail "$program and quillcore.pc differ in version"
+done
+grep -qx "PKG_VERSION:=$version" "$source/packaging/openwrt/quillcore/Makefile" || fail "the version of the feed"
 mkdir "$work/pkg-config"
 examples=$source/examples
 cd "$examples"

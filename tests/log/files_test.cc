@@ -187,9 +187,16 @@ TEST(LocalWriter, RotatesAtTheLimitOfEachRole) {
     const char* name;
     size_t limit;
   } rows[] = {
-      {1, "qntty", 65536},       {2, "hubd", 1572864}, {3, "leafd", 1572864}, {4, "admd", 1048576},
-      {5, "relay", 65536},       {6, "arcd", 524288},  {7, "arc_tty", 65536}, {8, "lib_call", 131072},
-      {9, "nw_lib_call", 65536}, {10, "nil", 1048576},
+      {QN_LOG_ROLE_QNTTY, "qntty", 65536},
+      {QN_LOG_ROLE_HUBD, "hubd", 1572864},
+      {QN_LOG_ROLE_LEAFD, "leafd", 1572864},
+      {QN_LOG_ROLE_ADMD, "admd", 1048576},
+      {QN_LOG_ROLE_RELAY, "relay", 65536},
+      {QN_LOG_ROLE_ARCD, "arcd", 524288},
+      {QN_LOG_ROLE_ARC_TTY, "arc_tty", 65536},
+      {QN_LOG_ROLE_LIB_CALL, "lib_call", 131072},
+      {QN_LOG_ROLE_NW_LIB_CALL, "nw_lib_call", 65536},
+      {QN_LOG_ROLE_NIL, "nil", 1048576},
   };
   in_own_namespace([&] {
     StderrCapture capture;

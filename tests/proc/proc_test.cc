@@ -248,10 +248,6 @@ TEST(Daemon, LeavesItsSessionAndItsPlace) {
   }
 }
 
-qn_child_proc_t* record_of(void* arg) {
-  return reinterpret_cast<qn_child_proc_t*>(static_cast<char*>(arg) - offsetof(qn_child_proc_t, name));
-}
-
 int status_of(const qn_child_proc_t& child) {
   int status = 0;
   EXPECT_EQ(child.pid, waitpid(child.pid, &status, 0));
@@ -264,7 +260,7 @@ TEST(Child, AnswersTheStopWord) {
   child.name = "worker";
   child.caller_words[8] = 42;
   child.entry = [](void* arg) -> int32_t {
-    qn_child_proc_t& self = *record_of(arg);
+    qn_child_proc_t& self = *qn_proc_child_of_entry(arg);
     uint32_t word = 0;
     const bool held = self.caller_words[8] == 42 && self.pid == getpid() && getsid(0) == getpid() &&
                       read(self.read_fd, &word, 4) == 4 && word == QN_PROC_STOP_WORD &&
@@ -285,7 +281,7 @@ TEST(Child, NeverBlocksOnHeartbeatsAndEndsWithItsResult) {
   qn_child_proc_t child = {};
   child.name = "worker";
   child.entry = [](void* arg) -> int32_t {
-    for (int i = 0; i < kHeartbeats; i++) qn_proc_child_send_heatbeat(record_of(arg));
+    for (int i = 0; i < kHeartbeats; i++) qn_proc_child_send_heatbeat(qn_proc_child_of_entry(arg));
     return 7;
   };
   ASSERT_EQ(0, qn_proc_child_start(&child));
@@ -307,7 +303,7 @@ TEST(Child, MayLeaveInsteadOfAnAnswerAndStaysToBeReaped) {
   child.name = "worker";
   child.entry = [](void* arg) -> int32_t {
     uint32_t word = 0;
-    return read(record_of(arg)->read_fd, &word, 4) == 4 && word == QN_PROC_STOP_WORD ? 3 : 4;
+    return read(qn_proc_child_of_entry(arg)->read_fd, &word, 4) == 4 && word == QN_PROC_STOP_WORD ? 3 : 4;
   };
   ASSERT_EQ(0, qn_proc_child_start(&child));
   EXPECT_EQ(
@@ -331,7 +327,7 @@ TEST(Child, ThatHasBeatenIsStoppedWithoutAnAnswer) {
   StderrCapture capture;
   qn_child_proc_t child = {};
   child.entry = [](void* arg) -> int32_t {
-    qn_proc_child_send_heatbeat(record_of(arg));
+    qn_proc_child_send_heatbeat(qn_proc_child_of_entry(arg));
     for (;;) pause();
   };
   ASSERT_EQ(0, qn_proc_child_start(&child));
