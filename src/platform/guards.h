@@ -1,4 +1,4 @@
-// Owners that undo on every way out: of descriptors and locks.
+// Owners that undo on every way out: of descriptors, locks and errno.
 #ifndef QN_PLATFORM_GUARDS_H
 #define QN_PLATFORM_GUARDS_H
 
@@ -8,6 +8,18 @@
 #include <cerrno>
 
 namespace qn {
+
+// Gives errno back at the end of its scope: what tidies up must not change what a caller will read.
+class ErrnoKept {
+ public:
+  ErrnoKept() = default;
+  ~ErrnoKept() { errno = kept_; }
+  ErrnoKept(const ErrnoKept&) = delete;
+  ErrnoKept& operator=(const ErrnoKept&) = delete;
+
+ private:
+  const int kept_ = errno;
+};
 
 // Owns a descriptor. Closing keeps errno, so a failing path may report it afterwards, and is never
 // repeated after EINTR: Linux has released the number by then.
@@ -29,9 +41,8 @@ class UniqueFd {
 
   void reset(int fd = -1) {
     if (fd_ >= 0) {
-      const int kept = errno;
+      const ErrnoKept kept;
       close(fd_);
-      errno = kept;
     }
     fd_ = fd;
   }
