@@ -49,10 +49,6 @@ constexpr char kStoreModule[] = "kvstore";
 constexpr uint32_t kListCount = kValueTypeCount + 1;
 constexpr uint32_t kBusyList = kValueTypeCount;
 
-inline kvs_node_t& node_of_link(ListLink& link) {
-  return list_entry<kvs_node_t>(link, offsetof(kvs_node_t, link));
-}
-
 // Writes the image back: flush, one write of the whole file in place, flush. A failure is logged and
 // changes no result: the next commit that succeeds carries everything.
 void kvs_commit(kvstore_t& store);

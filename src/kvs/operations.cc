@@ -9,7 +9,7 @@
 
 #include "core/heap.h"
 #include "core/log_record.h"
-#include "kvs/kvstore.h"
+#include "kvs/slots.h"
 #include "platform/bounded_string.h"
 #include "platform/guards.h"
 #include "quillcore/utility.h"
@@ -91,10 +91,6 @@ constexpr size_t kFmtBufferSize = 2046;
 constexpr size_t kFmtTextSize = QN_KVS_TEXT_MAX + 1;
 constexpr uint8_t kMovedKeyLen = QN_KVS_KEY_MAX; // `key_len` of every entry that an update has moved
 
-uint8_t* slot_of(const kvstore_t& store, const kvs_key_entry_t& entry) {
-  return value_slot(store.db_addr, entry.value_type, entry.value_index());
-}
-
 // A key is the first `len` bytes of its data, or less if a NUL comes first.
 bool key_fits(const qn_str_t& key) {
   return key.len <= QN_KVS_KEY_MAX || strnlen(key.data, kKeyTextSize) <= QN_KVS_KEY_MAX;
@@ -110,39 +106,6 @@ kvs_key_entry_t* find_entry(const kvstore_t& store, const qn_str_t& key) {
   return kvs_index_find(store, key.data, length);
 }
 
-// --- lists ---
-
-kvs_node_t* take_free_node(kvstore_t& store, uint8_t value_type) {
-  kvs_list_t& list = store.lists[value_type];
-  const SpinGuard guard(list.lock);
-  if (list_is_empty(list.head)) return nullptr;
-  ListLink& link = *list.head.next;
-  list_remove(link);
-  return &node_of_link(link);
-}
-
-void append_node(kvs_list_t& list, kvs_node_t& node) {
-  const SpinGuard guard(list.lock);
-  list_append(list.head, node.link);
-}
-
-void unlink_node(kvs_list_t& list, kvs_node_t& node) {
-  const SpinGuard guard(list.lock);
-  list_remove(node.link);
-}
-
-kvs_node_t* take_busy_node(kvstore_t& store, uint8_t value_type, uint32_t key_index) {
-  kvs_list_t& list = store.lists[kBusyList];
-  const SpinGuard guard(list.lock);
-  for (ListLink* link = list.head.next; link != &list.head; link = link->next) {
-    kvs_node_t& node = node_of_link(*link);
-    if (node.key_index != key_index || node.value_type != value_type) continue;
-    list_remove(*link);
-    return &node;
-  }
-  return nullptr;
-}
-
 void mv_busy_node_to_free_list(kvstore_t& store, kvs_key_entry_t& entry, uint16_t value_len) {
   tdelete(&entry, &store.index_root, kvs_key_compare);
   entry.key_len = 0;
@@ -152,10 +115,8 @@ void mv_busy_node_to_free_list(kvstore_t& store, kvs_key_entry_t& entry, uint16_
     QN_LOG(kNoBusyNode, key_index, entry.value_index(), value_len, entry.value_type, store.dbfile);
     return;
   }
-  append_node(store.lists[node->value_type], *node);
+  append_free_node(store, *node);
 }
-
-// --- put ---
 
 struct Value {
   const void* bytes;
@@ -175,20 +136,19 @@ kvs_key_entry_t* kvs_put_new(kvstore_t& store, const qn_str_t& key, const kvs_va
   kvs_node_t* const node = take_free_node(store, type.value_type);
   if (node == nullptr) return QN_FAIL(nullptr, kPutNoNode, value.len, type.value_type, store.dbfile);
   QN_LOG(kNodeFound, key.data, node->key_index, node->value_index, value.len, type.value_type);
-  append_node(store.lists[kBusyList], *node);
+  append_busy_node(store, *node);
 
   uint8_t* const slot = value_slot(store.db_addr, type.value_type, node->value_index);
-  memset_s(slot, type.slot_size, 0, type.slot_size);
-  write_value_len(slot, value.len);
-  int copied = 0;
+  clear_slot(slot, type, value.len);
+  int failed = 0;
   {
     const WriteGuard guard(store.rwlocks[type.value_type]);
-    copied = memcpy_s(slot + kValueLenSize, type.value_size_max(), value.bytes, value.len);
+    failed = fill_slot(slot, type, value.bytes, value.len);
   }
-  if (copied != 0) {
+  if (failed != 0) {
     QN_LOG(kNewCopyFailed, key.data, node->key_index, node->value_index, value.len, type.value_type);
-    unlink_node(store.lists[kBusyList], *node);
-    append_node(store.lists[type.value_type], *node);
+    take_busy_node(store, type.value_type, node->key_index);
+    append_free_node(store, *node);
     return nullptr;
   }
   kvs_key_entry_t& entry = key_entry(store.db_addr, node->key_index);
@@ -210,14 +170,13 @@ int32_t update_in_place(kvstore_t& store, const kvs_key_entry_t& entry, const Va
   QN_LOG(kInPlace, entry.text, entry.value_type, value.len);
   const kvs_value_type_t& type = kvs_value_types[entry.value_type];
   uint8_t* const slot = slot_of(store, entry);
-  int copied = 0;
+  int failed = 0;
   {
     const WriteGuard guard(store.rwlocks[entry.value_type]);
-    memset_s(slot, type.slot_size, 0, type.slot_size);
-    write_value_len(slot, value.len);
-    copied = memcpy_s(slot + kValueLenSize, type.value_size_max(), value.bytes, value.len);
+    clear_slot(slot, type, value.len);
+    failed = fill_slot(slot, type, value.bytes, value.len);
   }
-  if (copied != 0) return QN_FAIL(-1, kInPlaceCopyFailed, entry.text, entry.value_type, value.len);
+  if (failed != 0) return QN_FAIL(-1, kInPlaceCopyFailed, entry.text, entry.value_type, value.len);
   QN_LOG(kUpdated, entry.text, entry.value_type, value.len);
   kvs_commit(store);
   return 0;
