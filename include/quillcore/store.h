@@ -1,4 +1,5 @@
-// Store: at most 200 small values in one file of 131072 bytes, each change on disk when the call returns.
+// Store: at most 200 small values in one file of 131072 bytes, each change on disk when the call returns
+// with errno 0.
 //
 // The length of a value alone decides its size class, and each class has a fixed number of slots:
 //
@@ -8,7 +9,16 @@
 // A class that is full takes no further key, whatever room the others have. A value that grows or
 // shrinks into another class needs a free slot there; without one the put fails and the old value stays.
 //
-// One process at a time uses a file: no file lock is taken, and each change writes the whole file.
+// One handle at a time uses a file, in all processes together: no file lock is taken, and each change
+// writes the whole file, so two handles overwrite each other's changes.
+//
+// What has failed. A put or delete gives 0 also when its write to disk failed: the change is made in
+// memory and goes to disk with the next one that gets there. `errno` tells: 0 when the change is on disk,
+// else what kept it from it, ENOSPC or EIO for example, and EIO too where a write came to a stop without
+// a reason. A flash file system that never overwrites in place needs free space for each change, so this
+// happens to a store that exists for long. Ask after each call whose change must survive:
+//
+//   if (qn_kvs_put(store, &key, value, len) == 0 && errno == 0) ... // it will be there after a restart
 //
 // Threads: any number of threads may share a store. Each get, put and delete runs as a whole, its write
 // to disk included, under the store's own mutex; qn_kvs_close() must be the last call on it. The pool
@@ -19,10 +29,10 @@
 // touched key, if the write stopped after a whole number of sectors:
 //
 //   change                 what the next open can find
-//   new key                absent; or the key with what its slot held before: an older value, or length
-//                          0, for which a get gives -1 with 514 although the key takes its slot; or the
-//                          new length with the new value's first bytes and older bytes behind; or the
-//                          new value
+//   new key                absent; or the key with what its slot held before: the value that this or any
+//                          other key has left there, or length 0, for which a get gives -1 with 514
+//                          although the key takes its slot; or the new length with the new value's first
+//                          bytes and behind them what was left there; or the new value
 //   update, same class     the old value; the new length with the new value's first bytes and behind them
 //                          the old value's, or zeros where that was shorter; the new value
 //   update, longer class   the old value; absent; then as a new key
@@ -34,7 +44,9 @@
 // A disk that reorders the parts of one write can leave any mixture of these. A file whose creation was
 // cut short before its first sector was written has no magic or is too short; it is refused at every
 // later open (463, 464, 480) and never repaired or deleted here: remove it by hand to start afresh. One
-// cut short later opens as an empty store.
+// cut short later opens as an empty store. A creation that fails is another matter: the file that it has
+// made goes again with the failing qn_kvs_open(), or, if that has given 0 though nothing could be
+// written, with the qn_kvs_close() of a store of which nothing ever was.
 #ifndef QUILLCORE_STORE_H
 #define QUILLCORE_STORE_H
 
@@ -49,8 +61,8 @@ QN_BEGIN_DECLS
 #define QN_KVS_TEXT_MAX 2044  // bytes of a text through qn_kvs_put_fmt()
 
 // A counted text. As a key it is the first `len` bytes of `data`, or less if a NUL comes first; `data`
-// must be NUL-terminated all the same, since records print it. A key of length 0 is taken, and lasts only
-// until the store is closed.
+// must be NUL-terminated all the same, since records print it. A key of length 0 is taken. It lasts until
+// the store is closed, and for good once a put has moved its value to another class.
 typedef struct qn_str {
   uint32_t len;
   char* data;
@@ -61,13 +73,15 @@ typedef struct kvstore kvstore_t; // opaque
 // Opens the store at `path` (at most 638 bytes), or creates it, mode 0600, with its directories; these
 // are made by "mkdir -p" through the shell, so the path's directory must hold nothing that a shell would
 // read differently, and one of more than 502 bytes must exist. `pool` is borrowed until qn_kvs_close()
-// and must not be reset before it. An open writes the file once, with damaged entries mended. Returns 0
-// and the handle in `*store`, also when that write failed (517, 518) or a slot or a key could not be
-// indexed (466, 467). -1 on any other failure (logged), and `*store` stays as it was. A failed open never
-// changes an existing file. What was taken from the pool stays in the pool.
+// and must not be reset before it. An open writes the file once, with damaged entries mended, each of
+// them logged at level W with logid 0. Returns 0 and the handle in `*store`, also when that write failed
+// (517, 518) or a slot or a key could not be indexed (466, 467). -1 on any other failure (logged), and
+// `*store` stays as it was. A failed open never changes an existing file. What was taken from the pool
+// stays in the pool.
 QN_API int32_t qn_kvs_open(kvstore_t** store, qn_pool_t* pool, const char* path);
 
-// Closes a store. Nothing is written: every change is on disk already. Null is ignored.
+// Closes a store. Nothing is written: every change is on disk already, or could not get there. Null is
+// ignored.
 QN_API void qn_kvs_close(kvstore_t* store);
 
 // Reads the value of `key`, which must not be null. The caller owns `*value`, a block of `*value_len`
@@ -79,11 +93,11 @@ QN_API void qn_kvs_close(kvstore_t* store);
 QN_API int32_t qn_kvs_get(kvstore_t* store, const qn_str_t* key, void** value, uint16_t* value_len);
 
 // Stores a copy of `value` under `key` and writes it to disk. No argument may be null.
-// Returns 0, also when the write to disk failed (logged, 517 or 518): the value stays in memory and goes
-// to disk with the next change; and when memory for the index was short (467): the value is on disk then
-// but not found before the next open, and where the key has been stored once more by then, either value
-// may be the one that is found. -1 when the value is longer than QN_KVS_VALUE_MAX (491), the key
-// longer than QN_KVS_KEY_MAX, or the size class is full (470, level D); the store is unchanged then.
+// Returns 0, with errno 0 when the change is on disk and else the reason (a failed seek or write is
+// logged too, 517 or 518); and 0 when memory for the index was short (467): the value is on disk then but
+// not found before the next open, and where the key has been stored once more by then, either value may
+// be the one that is found. -1 when the value is longer than QN_KVS_VALUE_MAX (491), the key longer than
+// QN_KVS_KEY_MAX, or the size class is full (470, level D); the store is unchanged then.
 QN_API int32_t qn_kvs_put(kvstore_t* store, const qn_str_t* key, const void* value, uint16_t value_len);
 
 // qn_kvs_put() of a formatted text of at most QN_KVS_TEXT_MAX bytes, without its terminator.
@@ -93,7 +107,7 @@ QN_API int32_t qn_kvs_put_fmt(kvstore_t* store, const qn_str_t* key, const char*
     QN_PRINTF(3, 4);
 
 // Deletes `key` and writes the change to disk.
-// Returns 0, also when the write failed, as qn_kvs_put(); -1 for a null store or key (499, 500), a key of
+// Returns 0, with errno as after qn_kvs_put(); -1 for a null store or key (499, 500), a key of
 // more than QN_KVS_KEY_MAX bytes and an absent key (503).
 QN_API int32_t qn_kvs_delete(kvstore_t* store, const qn_str_t* key);
 

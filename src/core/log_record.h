@@ -9,6 +9,7 @@
 
 #include "core/log_gate.h"
 #include "platform/error_text.h"
+#include "platform/guards.h"
 
 namespace qn {
 
@@ -75,8 +76,10 @@ inline void trace_enter(const Trace& trace) {
            "entering %s. called by %s.", trace.function, trace.caller);
 }
 
+// Keeps errno: behind this only the caller is left to read it.
 inline void trace_leave(const Trace& trace) {
   if (!log_may_pass(QN_LOG_T)) return;
+  const ErrnoKept kept;
   log_site(level_and_logid(QN_LOG_T, trace.leave_logid), trace.module, trace.leave_biz_name,
            "leaving %s. called by %s.", trace.function, trace.caller);
 }

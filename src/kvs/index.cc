@@ -15,6 +15,8 @@ namespace {
 constexpr Message kNodeFailed{QN_LOG_W, 466, kStoreModule, "insert_into_free_list",
                               "create node from pool failed.  errno=(%d, %s)"};
 constexpr Message kInsertFailed{QN_LOG_E, 467, kStoreModule, "tsearch", "insert index failed. key=%s."};
+constexpr Message kMended{QN_LOG_W, 0, kStoreModule, "build_indexs",
+                          "mended damaged entry. key_index=%d, value_type=%d, dbfile=%s."};
 constexpr Trace kTraceBuild{kStoreModule, "qn_kvs_build_indexs", 468, "build_indexs",
                             469,          "build_indexs"};
 
@@ -67,13 +69,24 @@ int compare_wanted(const void* wanted, const void* entry) {
   return compare_words([&](size_t i) { return words.word[i]; }, entry);
 }
 
-// Makes a damaged entry what the format says it is, so that no lookup is led out of the image and equal
-// texts are equal bytes.
-void mend_busy_entry(kvs_key_entry_t& entry, const kvs_value_type_t& type, uint32_t key_index) {
+// The two below make an entry what the format says it is, so that no lookup is led out of the image and
+// equal texts are equal bytes. They return whether it was damaged.
+
+// A free entry of a new file has no place yet.
+bool mend_place(kvs_key_entry_t& entry, uint8_t value_type, uint16_t value_index) {
+  if (entry.value_type == value_type && entry.value_index() == value_index) return false;
+  const bool is_new = entry.key_len == 0 && entry.value_type == 0 && entry.value_index() == 0;
+  entry.value_type = value_type;
+  entry.set_value_index(value_index);
+  return !is_new;
+}
+
+bool mend_text(kvs_key_entry_t& entry) {
+  static constexpr char kZeros[kKeyTextSize] = {};
   const size_t length = strnlen(entry.text, kKeyTextSize - 1);
+  if (memcmp(entry.text + length, kZeros, kKeyTextSize - length) == 0) return false;
   memset(entry.text + length, 0, kKeyTextSize - length);
-  entry.value_type = type.value_type;
-  entry.set_value_index(static_cast<uint16_t>(key_index - type.first_key_index));
+  return true;
 }
 
 kvs_node_t* make_node(kvstore_t& store, const kvs_value_type_t& type, uint32_t key_index) {
@@ -89,15 +102,13 @@ kvs_node_t* make_node(kvstore_t& store, const kvs_value_type_t& type, uint32_t k
 void index_key(kvstore_t& store, const kvs_value_type_t& type, uint32_t key_index) {
   kvs_key_entry_t& entry = key_entry(store.db_addr, key_index);
   kvs_node_t* const node = make_node(store, type, key_index);
-  if (entry.key_len == 0) {
-    if (node != nullptr) list_append(store.lists[type.value_type].head, node->link);
-    entry.value_type = type.value_type;
-    entry.set_value_index(static_cast<uint16_t>(key_index - type.first_key_index));
-    return;
-  }
-  mend_busy_entry(entry, type, key_index);
-  if (node != nullptr) list_append(store.lists[kBusyList].head, node->link);
-  kvs_index_insert(store, entry);
+  const bool is_busy = entry.key_len != 0;
+  if (node != nullptr) list_append(store.lists[is_busy ? kBusyList : type.value_type].head, node->link);
+  bool is_damaged =
+      mend_place(entry, type.value_type, static_cast<uint16_t>(key_index - type.first_key_index));
+  if (is_busy && mend_text(entry)) is_damaged = true;
+  if (is_damaged) QN_LOG(kMended, key_index, type.value_type, store.dbfile);
+  if (is_busy) kvs_index_insert(store, entry);
 }
 
 } // namespace

@@ -41,6 +41,7 @@ struct kvstore {
   void* index_root;
   kvs_list_t* lists; // 0 to 6: the free lists by value_type; 7: the busy list
   pthread_mutex_t mutex;
+  bool has_made_file; // the file came into being for this store
 };
 
 namespace qn {
@@ -50,7 +51,8 @@ constexpr uint32_t kListCount = kValueTypeCount + 1;
 constexpr uint32_t kBusyList = kValueTypeCount;
 
 // Writes the image back: flush, one write of the whole file in place, flush. A failure is logged and
-// changes no result: the next commit that succeeds carries everything.
+// changes no result: the next commit that succeeds carries everything. Leaves errno at 0 when the image
+// is on disk, else at the reason.
 void kvs_commit(kvstore_t& store);
 
 // Seeks to the start of the file. Returns 0 or -1.

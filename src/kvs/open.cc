@@ -6,6 +6,7 @@
 #include <libgen.h>
 #include <quillcore/utility.h>
 #include <search.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,7 +18,6 @@
 #include "kvs/kvstore.h"
 #include "platform/bounded_string.h"
 #include "platform/error_text.h"
-#include "platform/guards.h"
 #include "platform/standard_streams.h"
 
 namespace qn {
@@ -66,6 +66,21 @@ constexpr size_t kPathSize = 639; // one byte less than `dbfile`: a path has at 
 
 void keep_key(void*) {} // the keys lie in the image
 
+bool is_same_file(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// Takes a file that the store has made away again, if no commit has given it its magic: every later open
+// would refuse it. What has come into its place or into it since stays.
+void remove_unwritten_file(const kvstore_t& store) {
+  char magic[kMagicSize] = {};
+  if (!store.has_made_file || pread(store.fd, magic, kMagicSize, 0) < 0) return;
+  if (memcmp(magic, kMagic, kMagicSize) == 0) return;
+  struct stat made, present;
+  if (fstat(store.fd, &made) != 0 || lstat(store.dbfile, &present) != 0) return;
+  if (is_same_file(made, present)) unlink(store.dbfile);
+}
+
 // Releases whatever has been made of a store; a part that was not made is null or -1.
 struct StoreClose {
   void operator()(kvstore_t* store) const {
@@ -79,6 +94,7 @@ struct StoreClose {
     }
     pthread_spin_destroy(&store->lock);
     pthread_mutex_destroy(&store->mutex);
+    remove_unwritten_file(*store);
     if (store->fd >= 0) close(store->fd);
     qn_free(store);
   }
@@ -116,46 +132,51 @@ int32_t make_directories(const char* dbfile) {
   return 0;
 }
 
-// Makes a file of full size, all zero, also in place of one that came into being in the meantime.
-int32_t qn_kvs_create_and_open_dbfile(const char* dbfile, UniqueFd* out) {
+// Makes a file of full size, all zero, also in place of one that came into being in the meantime. Only
+// one that this call has made is this store's to take away again.
+int32_t qn_kvs_create_and_open_dbfile(kvstore_t& store) {
   trace_enter(kTraceCreate);
-  if (make_directories(dbfile) != 0) return -1;
-  UniqueFd fd(open_above(dbfile, O_RDWR | O_CREAT, kFileMode));
-  if (!fd.valid()) return QN_FAIL(-1, kCreateFailed, dbfile, QN_ERRNO);
-  if (ftruncate(fd.get(), 0) != 0) return QN_FAIL(-1, kClearFailed, dbfile, QN_ERRNO, 0);
-  if (ftruncate(fd.get(), kDbSize) != 0)
-    return QN_FAIL(-1, kExtendFailed, dbfile, QN_ERRNO, static_cast<int>(kDbSize));
-  out->reset(fd.release());
+  if (make_directories(store.dbfile) != 0) return -1;
+  store.fd = open_above(store.dbfile, O_RDWR | O_CREAT | O_EXCL, kFileMode);
+  store.has_made_file = store.fd >= 0;
+  if (store.fd < 0 && errno == EEXIST) store.fd = open_above(store.dbfile, O_RDWR | O_CREAT, kFileMode);
+  if (store.fd < 0) return QN_FAIL(-1, kCreateFailed, store.dbfile, QN_ERRNO);
+  if (ftruncate(store.fd, 0) != 0) return QN_FAIL(-1, kClearFailed, store.dbfile, QN_ERRNO, 0);
+  if (ftruncate(store.fd, kDbSize) != 0)
+    return QN_FAIL(-1, kExtendFailed, store.dbfile, QN_ERRNO, static_cast<int>(kDbSize));
   trace_leave(kTraceCreate);
   return 0;
 }
 
 // Whether the file has our magic and version; changes nothing in it.
-int32_t check_header(const char* dbfile, const UniqueFd& fd) {
+int32_t check_header(const kvstore_t& store) {
   char header[kHeaderSize];
-  kvs_seek_start(fd.get());
-  if (read(fd.get(), header, sizeof(header)) != static_cast<ssize_t>(sizeof(header)))
-    return QN_FAIL(-1, kHeaderFailed, dbfile, QN_ERRNO);
-  if (memcmp(header, kMagic, kMagicSize) != 0) return QN_FAIL(-1, kMagicFailed, dbfile);
+  kvs_seek_start(store.fd);
+  const ssize_t got = read(store.fd, header, sizeof(header));
+  if (got >= 0) errno = 0; // a file that is too short is no error of the system
+  if (got != static_cast<ssize_t>(sizeof(header)))
+    return QN_FAIL(-1, kHeaderFailed, store.dbfile, QN_ERRNO);
+  if (memcmp(header, kMagic, kMagicSize) != 0) return QN_FAIL(-1, kMagicFailed, store.dbfile);
   const uint8_t version = static_cast<uint8_t>(header[kMagicSize]);
-  if (version != kVersion) return QN_FAIL(-1, kVersionFailed, kVersion, version, dbfile);
+  if (version != kVersion) return QN_FAIL(-1, kVersionFailed, kVersion, version, store.dbfile);
   return 0;
 }
 
 // Reads until the image is full or nothing more comes; an interrupted read ends it like a failed one.
+// Leaves errno at 0 when the file has ended.
 uint32_t read_image(int32_t fd, uint8_t* image) {
   uint32_t total = 0;
-  while (total < kDbSize) {
-    const ssize_t got = read(fd, image + total, kDbSize - total);
-    if (got <= 0) break;
-    total += static_cast<uint32_t>(got);
+  ssize_t got = 1;
+  while (total < kDbSize && got > 0) {
+    got = read(fd, image + total, kDbSize - total);
+    if (got > 0) total += static_cast<uint32_t>(got);
   }
+  if (got >= 0) errno = 0;
   return total;
 }
 
-// Takes the descriptor over and loads the whole file into a private image.
-int32_t qn_kvs_safe_load_dbfile(kvstore_t& store, UniqueFd& fd) {
-  store.fd = fd.release();
+// Loads the whole file into a private image.
+int32_t qn_kvs_safe_load_dbfile(kvstore_t& store) {
   store.db_addr = static_cast<uint8_t*>(alloc_unfilled(kDbSize));
   if (store.db_addr == nullptr)
     return QN_FAIL(-1, kImageFailed, store.dbfile, QN_ERRNO, static_cast<int>(kDbSize));
@@ -170,9 +191,10 @@ int32_t qn_kvs_safe_load_dbfile(kvstore_t& store, UniqueFd& fd) {
 }
 
 int32_t create_and_load(kvstore_t& store) {
-  UniqueFd fd;
-  if (qn_kvs_create_and_open_dbfile(store.dbfile, &fd) != 0) return -1;
-  if (qn_kvs_safe_load_dbfile(store, fd) != 0) return -1;
+  if (qn_kvs_create_and_open_dbfile(store) != 0) return -1;
+  if (qn_kvs_safe_load_dbfile(store) != 0) return -1;
+  // The kernel keeps what was read of a hole in single pages, and each later commit would walk them.
+  posix_fadvise(store.fd, 0, 0, POSIX_FADV_DONTNEED);
   memcpy_s(store.db_addr, kDbSize, kMagic, kMagicSize);
   store.db_addr[kMagicSize] = kVersion;
   kvs_commit(store);
@@ -182,16 +204,16 @@ int32_t create_and_load(kvstore_t& store) {
 // The file is asked after only where it cannot be opened: the question alone makes the next change of its
 // time stamps one that a file system must write down.
 int32_t open_and_load(kvstore_t& store) {
-  UniqueFd fd(open_above(store.dbfile, O_RDWR));
+  store.fd = open_above(store.dbfile, O_RDWR);
   int error = errno;
-  if (!fd.valid() && is_absent(store.dbfile)) return create_and_load(store);
-  if (!fd.valid() && error == ENOENT) {
-    fd.reset(open_above(store.dbfile, O_RDWR)); // it has come into being since
+  if (store.fd < 0 && is_absent(store.dbfile)) return create_and_load(store);
+  if (store.fd < 0 && error == ENOENT) {
+    store.fd = open_above(store.dbfile, O_RDWR); // it has come into being since
     error = errno;
   }
-  if (!fd.valid()) return QN_FAIL(-1, kOpenFailed, store.dbfile, error, ErrorText(error).text());
-  if (check_header(store.dbfile, fd) != 0) return -1;
-  return qn_kvs_safe_load_dbfile(store, fd);
+  if (store.fd < 0) return QN_FAIL(-1, kOpenFailed, store.dbfile, error, ErrorText(error).text());
+  if (check_header(store) != 0) return -1;
+  return qn_kvs_safe_load_dbfile(store);
 }
 
 int32_t make_lists(kvstore_t& store) {

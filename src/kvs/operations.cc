@@ -266,14 +266,18 @@ int32_t qn_kvs_put_fmt(kvstore_t* store, const qn_str_t* key, const char* fmt, .
   if (key == nullptr) return QN_FAIL(-1, kFmtNoKey);
   QN_LOG(kFmtKey, key->data);
   if (fmt == nullptr) return QN_FAIL(-1, kFmtFailed, key->data, "-");
-  const HeapPtr<char> text(static_cast<char*>(qn_alloc(kFmtBufferSize)));
+  HeapPtr<char> text(static_cast<char*>(qn_alloc(kFmtBufferSize)));
   if (!text) return QN_FAIL(-1, kFmtNoBuffer, key->data, fmt);
   va_list args;
   va_start(args, fmt);
   const int length = vsprintf_s(text.get(), kFmtTextSize, fmt, args);
   va_end(args);
   if (length < 0) return QN_FAIL(-1, kFmtFailed, key->data, fmt);
-  return qn_kvs_put(store, key, text.get(), static_cast<uint16_t>(strnlen(text.get(), kFmtTextSize)));
+  const uint16_t value_len = static_cast<uint16_t>(strnlen(text.get(), kFmtTextSize));
+  const int32_t result = qn_kvs_put(store, key, text.get(), value_len);
+  const ErrnoKept reason;
+  text.reset();
+  return result;
 }
 
 int32_t qn_kvs_delete(kvstore_t* store, const qn_str_t* key) {
@@ -293,6 +297,7 @@ int32_t qn_kvs_delete(kvstore_t* store, const qn_str_t* key) {
     mv_busy_node_to_free_list(*store, *entry, value_len);
   }
   kvs_commit(*store);
+  const ErrnoKept reason;
   QN_LOG(kDeleted, entry->text, entry->value_type, entry->value_index(), value_len);
   trace_leave(kTraceDelete);
   return 0;

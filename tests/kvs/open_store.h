@@ -47,18 +47,25 @@ inline std::ostream& operator<<(std::ostream& out, const Reading& reading) {
 
 class OpenStore {
  public:
-  explicit OpenStore(const std::string& path) : pool_(qn_pool_create(16384)) {
-    result_ = qn_kvs_open(&store_, pool_, path.c_str());
+  explicit OpenStore(const std::string& path, uint32_t pool_size = 16384)
+      : path_(path), pool_(qn_pool_create(pool_size)) {
+    open();
   }
   ~OpenStore() {
-    qn_kvs_close(store_);
+    close();
     qn_pool_free(pool_);
   }
   OpenStore(const OpenStore&) = delete;
   OpenStore& operator=(const OpenStore&) = delete;
 
-  int32_t result() const { return result_; }
+  int32_t open() { return result_ = qn_kvs_open(&store_, pool_, path_.c_str()); }
+  void close() {
+    qn_kvs_close(store_);
+    store_ = nullptr;
+  }
+  int32_t result() const { return result_; } // of the last open
   kvstore_t* get() const { return store_; }
+  qn_pool_t* pool() const { return pool_; }
 
   int32_t put(const StoreKey& key, const std::string& value) const {
     const qn_str_t c_key = key.c_key();
@@ -87,7 +94,8 @@ class OpenStore {
   }
 
  private:
-  qn_pool_t* pool_;
+  const std::string path_;
+  qn_pool_t* const pool_;
   kvstore_t* store_ = nullptr;
   int32_t result_ = -1;
 };
