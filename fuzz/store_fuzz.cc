@@ -2,6 +2,7 @@
 //
 // The input is a list of commands, each one byte and its arguments. Damage closes the store; the next
 // operation opens it again. Whatever file an open takes, its bytes and every result must be the model's.
+// After a file that it refuses the input goes on with a good one.
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -40,36 +41,6 @@ void require(bool holds, const char* what) {
   fprintf(stderr, "broken: %s\n", what);
   abort();
 }
-
-// The bytes of the input; zero behind their end.
-class Input {
- public:
-  Input(const uint8_t* data, size_t size) : data_(data), size_(size) {}
-
-  bool is_empty() const { return size_ == 0; }
-
-  uint32_t number(size_t bytes) {
-    uint32_t value = 0;
-    for (; bytes > 0; bytes--) value = value << 8 | byte();
-    return value;
-  }
-
-  std::string bytes(size_t count) {
-    std::string taken;
-    while (taken.size() < count) taken += static_cast<char>(byte());
-    return taken;
-  }
-
- private:
-  uint8_t byte() {
-    if (size_ == 0) return 0;
-    size_--;
-    return *data_++;
-  }
-
-  const uint8_t* data_;
-  size_t size_;
-};
 
 // A store with a few keys in each class, some of them deleted again.
 std::string start_file() {
@@ -117,10 +88,10 @@ class StoreFile {
 class Tester {
  public:
   void run(const uint8_t* data, size_t size) {
-    input_ = Input(data, size);
+    input_ = {reinterpret_cast<const char*>(data), size};
     content_ = start_;
-    for (int i = 0; i < kCommandsMax && !input_.is_empty(); i++) {
-      const uint32_t command = input_.number(1) % kCommandCount;
+    for (int i = 0; i < kCommandsMax && !input_.empty(); i++) {
+      const uint32_t command = draw(1) % kCommandCount;
       if (command <= kReopen) {
         damage(command);
       } else if (open()) {
@@ -133,21 +104,36 @@ class Tester {
   }
 
  private:
+  // A number of so many bytes; zeros stand behind the input's end.
+  uint32_t draw(size_t bytes) {
+    uint32_t value = 0;
+    for (; bytes > 0; bytes--) {
+      value = value << 8 | (input_.empty() ? 0u : static_cast<uint8_t>(input_[0]));
+      if (!input_.empty()) input_.remove_prefix(1);
+    }
+    return value;
+  }
+
   void damage(uint32_t command) {
     if (store_) content_.replace(0, StoreModel::kFileSize, model_.image());
     store_.reset();
     if (command == kReopen) return;
-    uint32_t offset = 0;
+    // One draw in a statement: within one, their order would be the compiler's.
+    uint32_t at = draw(command == kPatchFile || command == kResize ? 3 : 1);
     if (command == kResize) {
-      content_.resize(input_.number(3) % (kFileMax + 1));
+      content_.resize(at % (kFileMax + 1));
       return;
     }
-    if (command == kPatchFile) offset = input_.number(3) % StoreModel::kFileSize;
-    if (command == kPatchEntry)
-      offset = StoreModel::entry_offset(input_.number(1) % StoreModel::kKeys) + input_.number(1) % 36;
-    if (command == kPatchSlot) offset = StoreModel::slot_offset(input_.number(1) % StoreModel::kKeys);
-    const std::string bytes = input_.bytes(1 + input_.number(1) % 40);
-    if (offset + bytes.size() <= content_.size()) content_.replace(offset, bytes.size(), bytes);
+    if (command == kPatchFile) at %= StoreModel::kFileSize;
+    if (command == kPatchSlot) at = StoreModel::slot_offset(at % StoreModel::kKeys);
+    if (command == kPatchEntry) {
+      at = StoreModel::entry_offset(at % StoreModel::kKeys);
+      at += draw(1) % 36;
+    }
+    const uint32_t count = 1 + draw(1) % 40;
+    std::string bytes;
+    while (bytes.size() < count) bytes += static_cast<char>(draw(1));
+    if (at + count <= content_.size()) content_.replace(at, count, bytes);
   }
 
   // Whether there is an open store.
@@ -159,6 +145,7 @@ class Tester {
     if (store_->result() != 0) {
       require(file_.holds(content_, content_), "a refused file stays as it was");
       store_.reset();
+      content_ = start_; // for the commands to come
       return false;
     }
     model_.load(std::string_view(content_).substr(0, StoreModel::kFileSize));
@@ -171,7 +158,8 @@ class Tester {
     if (command == kDelete) require(store_->remove(key) == model_.remove(key), "the result of a delete");
     if (command == kPut || command == kPutText) {
       const bool is_text = command == kPutText;
-      const std::string value(input_.number(2) % 2100, static_cast<char>(input_.number(1) | 1));
+      const uint32_t length = draw(2) % 2100;
+      const std::string value(length, static_cast<char>(draw(1) | 1));
       const int32_t result = is_text ? store_->put_text(key, value) : store_->put(key, value);
       require(result == (is_text ? model_.put_text(key, value) : model_.put(key, value)),
               "the result of a put");
@@ -182,10 +170,10 @@ class Tester {
 
   // A key that stands in an entry, free or busy, or one of a few others; of its whole length or another.
   StoreKey take_key() {
-    const uint32_t choice = input_.number(1);
+    const uint32_t choice = draw(1);
     const std::string others[] = {"", "new", "other", std::string(31, 'k'), std::string(32, 'k')};
     const std::string text = choice < StoreModel::kKeys ? model_.entry_text(choice) : others[choice % 5];
-    const uint32_t length = input_.number(1);
+    const uint32_t length = draw(1);
     return {text, length < 192 ? static_cast<uint32_t>(text.size()) : length - 192};
   }
 
@@ -193,8 +181,8 @@ class Tester {
 
   const std::string start_ = start_file();
   const StoreFile file_;
-  Input input_{nullptr, 0};
-  std::string content_; // the file before the open; behind a store's length also afterwards
+  std::string_view input_; // what is left of it
+  std::string content_;    // the file before the open; behind a store's length also afterwards
   StoreModel model_;
   std::unique_ptr<OpenStore> store_;
 };

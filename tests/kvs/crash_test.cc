@@ -1,11 +1,15 @@
-// What a change leaves in the file when the machine stops in the middle of its write.
+// What a change leaves in the file when the machine stops in the middle of its write, and what a creation
+// leaves that never gets to write.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "kvs/open_store.h"
 #include "kvs/store_model.h"
@@ -21,7 +25,10 @@ int __wrap_fsync(int fd);
 
 namespace {
 
+constexpr size_t kFileSize = StoreModel::kFileSize;
+
 std::string* g_calls = nullptr; // where calls are noted, if anywhere
+bool g_is_full = false;         // whether the file system has no room for a store
 
 } // namespace
 
@@ -29,7 +36,9 @@ ssize_t __wrap_write(int fd, const void* bytes, size_t count) {
   if (g_calls != nullptr) {
     *g_calls += "write " + std::to_string(count) + " at " + std::to_string(lseek(fd, 0, SEEK_CUR)) + "; ";
   }
-  return __real_write(fd, bytes, count);
+  if (!g_is_full || count != kFileSize) return __real_write(fd, bytes, count);
+  errno = ENOSPC;
+  return -1;
 }
 
 int __wrap_fsync(int fd) {
@@ -111,6 +120,8 @@ class Crash {
     before_ = read_file(path_);
     EXPECT_EQ(0, change.after == 0 ? store.remove(kTouched) : store.put(kTouched, new_value_));
     after_ = read_file(path_);
+    for (const uint32_t entry : busy_entries(after_))
+      former_ = before_.substr(StoreModel::slot_offset(entry), 2 + StoreModel::kValueMax);
   }
 
   // The outcomes of all cuts in order; checks on the way that everything can be done with each cut file.
@@ -126,7 +137,7 @@ class Crash {
 
  private:
   char outcome(const std::string& file) const {
-    const bool both = busy_entries(file) > 1;
+    const bool both = busy_entries(file).size() > 1;
     char found = '?';
     write_file(path_, file);
     {
@@ -150,40 +161,34 @@ class Crash {
     return both ? static_cast<char>(tolower(found)) : found;
   }
 
-  // How many busy entries the touched key has, and the index of the first.
-  static int busy_entries(const std::string& file, uint32_t* first = nullptr) {
-    int count = 0;
+  // Those of the touched key.
+  static std::vector<uint32_t> busy_entries(const std::string& file) {
+    std::vector<uint32_t> found;
     for (uint32_t i = 0; i < StoreModel::kKeys; i++) {
       const char* const entry = &file[StoreModel::entry_offset(i)];
-      if (entry[32] == 0 || strcmp(entry, kTouched) != 0) continue;
-      if (count++ == 0 && first != nullptr) *first = i;
+      if (entry[32] != 0 && strcmp(entry, kTouched) == 0) found.push_back(i);
     }
-    return count;
+    return found;
   }
 
   char letter(const Reading& reading) const {
     if (reading.kind == Reading::kNothing) return 'A';
     if (reading.kind == Reading::kEmpty) return 'E';
-    if (reading.value == new_value_) return 'N';
-    if (reading.value == old_value_) return 'O';
-    uint32_t key_index = 0;
-    if (busy_entries(after_, &key_index) == 0) return '?';
-    const char* const slot = &before_[StoreModel::slot_offset(key_index)];
+    const std::string& value = reading.value;
+    if (value == new_value_) return 'N';
+    if (value == old_value_) return 'O';
     const size_t length =
-        static_cast<unsigned char>(slot[0]) + 256u * static_cast<unsigned char>(slot[1]);
-    if (reading.value == std::string(slot + 2, length)) return 'P';
-    if (reading.value.size() != new_value_.size()) return '?';
-    size_t common = 0;
-    while (reading.value[common] == new_value_[common]) common++;
-    const bool is_mixed =
-        common > 0 && reading.value.compare(common, std::string::npos, slot + 2 + common,
-                                            new_value_.size() - common) == 0;
-    return is_mixed ? 'M' : '?';
+        static_cast<unsigned char>(former_[0]) + 256u * static_cast<unsigned char>(former_[1]);
+    if (value == former_.substr(2, length)) return 'P';
+    if (value.size() != new_value_.size() || value[0] != new_value_[0]) return '?';
+    size_t common = 1;
+    while (value[common] == new_value_[common]) common++;
+    return value.substr(common) == former_.substr(2 + common, value.size() - common) ? 'M' : '?';
   }
 
   const TempDir dir_;
   const std::string path_, old_value_, new_value_;
-  std::string before_, after_;
+  std::string before_, after_, former_ = {0, 0}; // the file; what the slot held before the change
 };
 
 TEST(StoreCrash, LeavesTheOtherKeysAndOneOfTheNamedOutcomes) {
@@ -208,24 +213,32 @@ TEST(StoreCrash, LeavesTheOtherKeysAndOneOfTheNamedOutcomes) {
   }
 }
 
-// A cut on the way to a shorter class leaves two busy entries. The first one in the file counts, so a
-// move lets the old value come back only when it leads behind the old entry.
-TEST(StoreCrash, BringsTheOldValueBackWhereItsEntryIsTheFirst) {
+// What no commit has given its magic goes with its store, unless it is another's.
+TEST(StoreCreation, LeavesNoFileThatEveryLaterOpenRefuses) {
   const QuietLog quiet;
-  const std::string old_value = value_of(200, 1);
-  for (const bool behind : {true, false}) {
+  const struct {
+    const char *what, *link_to;
+    void (*meanwhile)(const std::string& path);
+    bool is_left;
+  } rows[] = {
+      {"its own", nullptr, [](const std::string&) {}, false},
+      {"behind a link", "other", [](const std::string&) {}, true},
+      {"replaced", nullptr,
+       [](const std::string& path) { std::filesystem::remove(path), write_file(path, ""); }, true},
+      {"filled", nullptr, [](const std::string& path) { write_file(path, StoreModel().image()); }, true},
+  };
+  for (const auto& row : rows) {
     const TempDir dir;
-    const std::string path = dir.file("store"), moved = value_of(behind ? 400 : 100, 3);
+    const std::string path = dir.file("store");
+    if (row.link_to != nullptr) std::filesystem::create_symlink(row.link_to, path);
+    g_is_full = true;
     {
       const OpenStore store(path);
-      ASSERT_EQ(0, store.put(kTouched, old_value));
-      const std::string before = read_file(path);
-      ASSERT_EQ(0, store.put(kTouched, "short"));
-      const size_t cut = 11264; // behind entry 0 and before entry 96
-      write_file(path, read_file(path).substr(0, cut) + before.substr(cut));
+      EXPECT_EQ(0, store.result()) << row.what;
+      row.meanwhile(path);
     }
-    { EXPECT_EQ(0, OpenStore(path).put(kTouched, moved)); }
-    EXPECT_EQ((Reading{Reading::kValue, behind ? old_value : moved}), OpenStore(path).get(kTouched));
+    g_is_full = false;
+    EXPECT_EQ(row.is_left, std::filesystem::exists(path)) << row.what;
   }
 }
 

@@ -2,7 +2,6 @@ quill_test(kvs_test
   kvs/crash_test.cc
   kvs/format_test.cc
   kvs/messages_test.cc
-  kvs/model_test.cc
   kvs/threads_test.cc)
 target_link_options(kvs_test PRIVATE -Wl,--wrap=write,--wrap=fsync)
 if(EXISTS /dev/shm)
