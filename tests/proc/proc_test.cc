@@ -346,7 +346,7 @@ TEST(Child, GetsNoRecordsThroughItsPipes) {
     EXPECT_EQ(pid_bytes(getpid()), read_file(kPidFile));
     qn_child_proc_t child = {};
     child.entry = [](void* arg) -> int32_t {
-      const qn_child_proc_t& self = *record_of(arg);
+      const qn_child_proc_t& self = *qn_proc_child_of_entry(arg);
       _exit(std::min(self.read_fd, self.write_fd) > 2 ? 0 : 1);
     };
     EXPECT_EQ(0, qn_proc_child_start(&child));
