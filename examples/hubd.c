@@ -24,6 +24,7 @@
 #include <unistd.h>
 
 #include "hubd.h"
+#include "log_switches.h"
 
 #define PID_FILE "hubd.pid"
 #define ROLE_HUBD 2  // names the log files and the keys of the permissions
@@ -136,6 +137,7 @@ static int start_service(void) {
       {HUB_SRC_CONFIG | HUB_SRC_MONITOR, HUB_MSG_GET, handle_get, NULL},
       {HUB_SRC_CONFIG, HUB_MSG_DELETE, handle_delete, NULL},
       {HUB_SRC_CONFIG, HUB_MSG_LOG, handle_log, NULL},
+      LOG_SWITCHES_ROW(HUB_SRC_CONFIG),
       {HUB_SRC_CONFIG | HUB_SRC_MONITOR, HUB_MSG_INTERFACES, handle_interfaces, NULL},
       {HUB_SRC_CONFIG, HUB_MSG_PAIR, handle_pair, NULL},
       {HUB_SRC_CONFIG, HUB_MSG_CHILD, handle_child, NULL},
