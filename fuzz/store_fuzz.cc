@@ -1,8 +1,9 @@
 // A store file with any damage, and any operations on it: the store must do what the model does.
 //
 // The input is a list of commands, each one byte and its arguments. Damage closes the store; the next
-// operation opens it again. Whatever file an open takes, its bytes and every result must be the model's.
-// After a file that it refuses the input goes on with a good one.
+// operation opens it again. Whatever file an open takes, its bytes and every result must be the model's,
+// and what quillctl tells of it before the open is what the open and each get do. After a file that it
+// refuses the input goes on with a good one.
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,6 +18,7 @@
 
 #include "kvs/open_store.h"
 #include "kvs/store_model.h"
+#include "tools/store_image.h"
 
 namespace {
 
@@ -140,8 +142,10 @@ class Tester {
   bool open() {
     if (store_) return true;
     file_.write(content_);
+    const bool tool_takes = look_with_tool();
     store_ = std::make_unique<OpenStore>(file_.path());
     require((store_->result() == 0) == StoreModel::takes(content_), "open takes what is a store");
+    require((store_->result() == 0) == tool_takes, "the tool tells what an open takes");
     if (store_->result() != 0) {
       require(file_.holds(content_, content_), "a refused file stays as it was");
       store_.reset();
@@ -150,7 +154,34 @@ class Tester {
     }
     model_.load(std::string_view(content_).substr(0, StoreModel::kFileSize));
     require_file();
+    compare_with_tool();
     return true;
+  }
+
+  bool look_with_tool() {
+    image_->size = std::min(content_.size(), ctl::kStoreSize);
+    memcpy(image_->bytes, content_.data(), image_->size);
+    memset(image_->bytes + image_->size, 0, ctl::kStoreSize - image_->size);
+    if (ctl::refusal_of(*image_) != nullptr) return false;
+    static ctl::Fault faults[ctl::kFaultsMax];
+    for (size_t i = ctl::find_faults(*image_, faults); i > 0; i--)
+      require(faults[i - 1].offset < ctl::kStoreSize && faults[i - 1].kind < ctl::kFaultKinds, "a fault");
+    return true;
+  }
+
+  void compare_with_tool() {
+    for (unsigned i = 0; i < ctl::kStoreKeys; i++) {
+      const ctl::StoreKey key = ctl::store_key(*image_, i);
+      if (!key.busy || ctl::find_key(*image_, key.text, key.text_length) != static_cast<int>(i)) continue;
+      const std::string value(reinterpret_cast<const char*>(key.value),
+                              key.is_given() ? key.value_length : 0);
+      const Reading told{key.is_given()          ? Reading::kValue
+                         : key.value_length == 0 ? Reading::kEmpty
+                                                 : Reading::kNothing,
+                         value};
+      require(store_->get(std::string(key.text, key.text_length)) == told,
+              "the tool tells what a get gives");
+    }
   }
 
   void operate(uint32_t command) {
@@ -184,6 +215,7 @@ class Tester {
   std::string_view input_; // what is left of it
   std::string content_;    // the file before the open; behind a store's length also afterwards
   StoreModel model_;
+  std::unique_ptr<ctl::StoreImage> image_ = std::make_unique<ctl::StoreImage>();
   std::unique_ptr<OpenStore> store_;
 };
 
