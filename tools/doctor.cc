@@ -123,8 +123,8 @@ void check_pid_file(const Daemon& daemon, Findings* findings) {
       return findings->bad(file.name, "names %d, now %s: %s will refuse to start", file.pid,
                            shown(file.process.program), name);
     case Owner::kGone:
-      return findings->warn(file.name, "names %d, gone: %s died; its next start takes over",
-                            file.pid, name);
+      return findings->warn(file.name, "names %d, gone: %s died; its next start takes over", file.pid,
+                            name);
     case Owner::kBroken:
       return findings->warn(file.name, "holds no pid: a second %s would start beside the first", name);
     default:
