@@ -17,7 +17,7 @@
 #define SOCKET_PATH "/tmp/quillnet/first.sock"
 #define STORE_PATH "/tmp/quillnet/first.kvs" // to outlive a restart of the router it belongs on the flash
 #define PID_FILE "first.pid"                 // in /tmp/quillnet/
-#define ROLE_LEAFD 3                         // logs to /tmp/quillnet/log/leafd_0.log.txt
+#define ROLE QN_LOG_ROLE_LEAFD               // logs to /tmp/quillnet/log/leafd_0.log.txt
 
 enum { ANYONE = 1, GET = 1, SET = 2 }; // msg_src, who asks, as bits; msg_type, what for
 static const qn_str_t key = {4, "text"};
@@ -51,7 +51,7 @@ static int32_t handle_set(const qn_msg_req_t* req, void** body, uint32_t* len) {
   const int reason = errno; // 0 when it is on disk: a text that only memory has is no success here
   pthread_mutex_unlock(&lock);
   if (result != 0 || reason != 0) return refuse(body, len, result != 0 ? "no room" : strerror(reason));
-  qn_log_core_adpater(QN_LOG_I, 9101, "first", 1, 1, "set", "a text of %u bytes.", req->body_len);
+  QN_LOG_RECORD(QN_LOG_I, 9101, "first", "set", "a text of %u bytes.", req->body_len);
   return 0;
 }
 
@@ -59,7 +59,7 @@ static qn_api_entry_t rows[] = {{ANYONE, GET, handle_get, NULL}, {ANYONE, SET, h
 static const qn_service_conf_t conf = {SOCKET_PATH, 8, QN_KVS_VALUE_MAX, 0}; // backlog, body, slot
 
 static int bring_up(qn_cycle_t* cycle) {
-  if (cycle == NULL || qn_log_new_singleton_instance(0, ROLE_LEAFD, 1) != 0) return fail("no log");
+  if (cycle == NULL || qn_log_new_singleton_instance(0, ROLE, 1) != 0) return fail("no log");
   if (qn_kvs_open(&store, cycle->pool, STORE_PATH) != 0) return fail("no store");
   const qn_apis_t* api = qn_apis_new(cycle->pool, 2, rows);
   if (api == NULL || qn_service_start_with_thread(cycle, &conf, api, NULL) != 0) return fail("no thread");

@@ -27,7 +27,6 @@
 #include "log_switches.h"
 
 #define PID_FILE "hubd.pid"
-#define ROLE_HUBD 2  // names the log files and the keys of the permissions
 #define LOG_CONFIG 0 // with files
 #define LOG_APPEND 1 // a restart continues them
 
@@ -194,7 +193,7 @@ static int bring_up(void) {
   hub.cycle = qn_cycle_new();
   if (hub.cycle == NULL) return fail("no memory for the cycle");
   // From here on the gates apply and records go to the files.
-  hub.logs = qn_log_new_singleton_instance(LOG_CONFIG, ROLE_HUBD, LOG_APPEND) == 0;
+  hub.logs = qn_log_new_singleton_instance(LOG_CONFIG, QN_LOG_ROLE_HUBD, LOG_APPEND) == 0;
   if (!hub.logs) return fail("cannot open the log");
   // The cycle's pool outlives the store, because it outlives everything.
   const int32_t opened = qn_kvs_open(&hub.store.store, hub.cycle->pool, hub.store_path);

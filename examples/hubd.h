@@ -8,9 +8,8 @@
 
 #include "hub_protocol.h"
 
-// A record of hubd's own, from one place in the code: 9001 and up are not the library's numbers.
-#define HUB_LOG(level, logid, biz_name, ...) \
-  qn_log_core_adpater(level, logid, "hubd", 1, 1, biz_name, __VA_ARGS__)
+// A record of hubd's own; a logid is one place in the code.
+#define HUB_LOG(level, logid, biz_name, ...) QN_LOG_RECORD(level, logid, "hubd", biz_name, __VA_ARGS__)
 
 // --- request.c: what several handlers need.
 

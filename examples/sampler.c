@@ -7,7 +7,6 @@
 #include <net/if.h>
 #include <poll.h>
 #include <signal.h>
-#include <stddef.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/wait.h>
@@ -58,8 +57,7 @@ static int is_told_to_end(const qn_child_proc_t* self) {
 }
 
 static int32_t run_child(void* arg) {
-  // The record begins one field ahead of `name`, whose address comes here.
-  qn_child_proc_t* self = (qn_child_proc_t*)((char*)arg - offsetof(qn_child_proc_t, name));
+  qn_child_proc_t* self = qn_proc_child_of_entry(arg);
 
   // A child inherits the signals that its parent has blocked for the sake of its own threads, and the
   // handlers of a bus loop that runs there.
