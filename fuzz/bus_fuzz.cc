@@ -1,25 +1,23 @@
 // A broker that says anything, and the fields of a message: whatever bytes come, the readers stay inside
 // them, and the client comes back from each call in bounded time with nothing lost.
 //
-// Bit 1 of the input's first byte: what follows is the body of a message. Otherwise it is what the broker
-// sends, with a good hello in front where bit 0 is set.
+// Behind a first byte with bit 0 the input is the body of a message, else it is what the broker sends.
 #include <libubus.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <memory>
 #include <thread>
 
 #include "fuzz/input.h"
 #include "standin/message.h"
+#include "support/temp_dir.h"
 
 namespace {
 
-constexpr char kHello[12] = {0, 0, 0, 0, 0x12, 0x34, 0x56, 0x78, 0, 0, 0, 4};
 constexpr int kRounds = 8;
 constexpr int kDepthMax = 8;
 
@@ -49,9 +47,7 @@ void read_data(blob_attr* data) {
       {"node", BLOBMSG_TYPE_STRING}, {"hops", BLOBMSG_TYPE_INT32}, {"tab", BLOBMSG_TYPE_UNSPEC}};
   blob_attr* fields[3];
   blobmsg_parse(policy, 3, fields, blob_data(data), static_cast<unsigned int>(blob_len(data)));
-  for (size_t i = 0; i < 3; i++) {
-    if (fields[i] != nullptr) require(strcmp(blobmsg_name(fields[i]), policy[i].name) == 0, "a field");
-  }
+  for (blob_attr* field : fields) g_sum += field != nullptr ? strlen(blobmsg_name(field)) : 0;
 }
 
 void read_body(const uint8_t* data, size_t size) {
@@ -79,9 +75,8 @@ int listen_at(const std::string& path) {
 }
 
 // Says all of the input at once and closes, so that no wait of the client is a long one.
-void serve(int listener, bool is_greeted, const uint8_t* data, size_t size) {
+void serve(int listener, const uint8_t* data, size_t size) {
   const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-  if (is_greeted) require(write(fd, kHello, sizeof(kHello)) == sizeof(kHello), "the hello");
   require(send(fd, data, size, MSG_NOSIGNAL) >= 0 || errno == EPIPE, "the input");
   close(fd);
 }
@@ -90,16 +85,14 @@ void serve(int listener, bool is_greeted, const uint8_t* data, size_t size) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
-  if ((data[0] & 2) != 0) {
+  if ((data[0] & 1) != 0) {
     read_body(data + 1, size - 1);
     return 0;
   }
-  static const std::string path = "/tmp/quill-bus-fuzz." + std::to_string(getpid());
-  static const int listener = [] {
-    atexit([] { unlink(path.c_str()); });
-    return listen_at(path);
-  }();
-  std::thread broker(serve, listener, (data[0] & 1) != 0, data + 1, size - 1);
+  static const TempDir dir;
+  static const std::string path = dir.file("bus");
+  static const int listener = listen_at(path);
+  std::thread broker(serve, listener, data + 1, size - 1);
   if (ubus_context* const ctx = ubus_connect(path.c_str())) {
     ubus_event_handler handler = {};
     handler.cb = on_event;
