@@ -9,13 +9,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
 
+#include "fuzz/input.h"
 #include "kvs/open_store.h"
 #include "kvs/store_model.h"
 #include "tools/store_image.h"
@@ -37,12 +36,6 @@ enum Command {
 
 constexpr int kCommandsMax = 32;
 constexpr size_t kFileMax = StoreModel::kFileSize + 100;
-
-void require(bool holds, const char* what) {
-  if (holds) return;
-  fprintf(stderr, "broken: %s\n", what);
-  abort();
-}
 
 // A store with a few keys in each class, some of them deleted again.
 std::string start_file() {
@@ -221,10 +214,8 @@ class Tester {
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  const QuietLog quiet;
+  const GateAt quiet(0);
   static Tester tester;
   tester.run(data, size);
   return 0;

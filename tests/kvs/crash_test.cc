@@ -58,7 +58,7 @@ std::string value_of(size_t length, size_t seed) {
 
 // What the other tests of this file build on.
 TEST(StoreCommit, IsOneWriteOfTheWholeFileBetweenTwoFlushes) {
-  const QuietLog quiet;
+  const GateAt quiet(0);
   const TempDir dir;
   const OpenStore store(dir.file("store"));
   constexpr char kOneCommit[] = "fsync; write 131072 at 0; fsync; ";
@@ -192,7 +192,7 @@ class Crash {
 };
 
 TEST(StoreCrash, LeavesTheOtherKeysAndOneOfTheNamedOutcomes) {
-  const QuietLog quiet;
+  const GateAt quiet(0);
   const Change rows[] = {
       {"new key, one sector", 0, 20, false, "AEN"},
       {"new key, two sectors", 0, 1000, false, "AEMN"},
@@ -215,7 +215,7 @@ TEST(StoreCrash, LeavesTheOtherKeysAndOneOfTheNamedOutcomes) {
 
 // What no commit has given its magic goes with its store, unless it is another's.
 TEST(StoreCreation, LeavesNoFileThatEveryLaterOpenRefuses) {
-  const QuietLog quiet;
+  const GateAt quiet(0);
   const struct {
     const char *what, *link_to;
     void (*meanwhile)(const std::string& path);

@@ -22,7 +22,7 @@ namespace {
 
 // Offsets as numbers, so that the model, which computes them, is checked as well.
 TEST(StoreFile, HoldsEachKeyInItsPlace) {
-  const QuietLog quiet;
+  const GateAt quiet(0);
   const TempDir dir;
   const std::string path = dir.file("new/folder/store");
   const mode_t mask = umask(0);
@@ -79,13 +79,13 @@ TEST(StoreOpen, RefusesWhatIsNoStoreAndLeavesItAlone) {
       {dir.file(std::string(256, 'n')), good, 459},
       {path638 + "s", good, 459},
   };
-  qn_pool_t* const pool = qn_pool_create_default();
-  kvstore_t* const untouched = reinterpret_cast<kvstore_t*>(pool);
+  const PoolPtr pool(qn_pool_create_default());
+  kvstore_t* const untouched = reinterpret_cast<kvstore_t*>(pool.get());
   kvstore_t* opened = untouched;
   for (const auto& row : rows) {
     write_file(file, row.content);
     capture.clear();
-    EXPECT_EQ(-1, qn_kvs_open(&opened, pool, row.path.c_str())) << row.path;
+    EXPECT_EQ(-1, qn_kvs_open(&opened, pool.get(), row.path.c_str())) << row.path;
     EXPECT_EQ(1u, capture.records(row.logid).size()) << capture.text();
     EXPECT_TRUE(untouched == opened && row.content == read_file(file)) << row.path;
   }
@@ -93,12 +93,11 @@ TEST(StoreOpen, RefusesWhatIsNoStoreAndLeavesItAlone) {
       << "no file comes into being";
 
   capture.clear();
-  EXPECT_EQ(-1, qn_kvs_open(nullptr, pool, file.c_str()));
+  EXPECT_EQ(-1, qn_kvs_open(nullptr, pool.get(), file.c_str()));
   EXPECT_EQ(-1, qn_kvs_open(&opened, nullptr, file.c_str()));
-  EXPECT_EQ(-1, qn_kvs_open(&opened, pool, nullptr));
+  EXPECT_EQ(-1, qn_kvs_open(&opened, pool.get(), nullptr));
   EXPECT_EQ((std::vector<uint32_t>{489, 489, 489}), capture.logids());
   EXPECT_EQ(untouched, opened);
-  qn_pool_free(pool);
   qn_kvs_close(nullptr);
   EXPECT_EQ(0, OpenStore(path638).result());
 }

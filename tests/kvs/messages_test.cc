@@ -28,8 +28,11 @@ text too long: -1: 496 498
 get: 0: 507 509 513 515
 get, absent: 1: 507 509 511
 get, damaged length: 1: 507 509 512 get key=broken, item value len=2046 greater than max=2046.
+no value, in place: -1: 490 492 u 475 476 493
 delete: 0: 501 502 504 delete success. key=key,value_type=1,value_index=0, value_len=31 505
 delete, absent: -1: 501 502 503
+no value, new key: -1: 490 492 u 472 found free node. key=key, key_index=199, value_index=7, value_len=2000, val_type=6. 473 493
+last place: 0: 490 492 u 472 found free node. key=key, key_index=199, value_index=7, value_len=2000, val_type=6. 474 493
 null arguments: -7: 494 495 506 507 508 507 509 510 499 500
 )";
 constexpr uint32_t kWithTexts[] = {470, 472, 491, 504, 512};
@@ -78,9 +81,14 @@ TEST(StoreRecords, TellTheWayThroughEachOperation) {
   note("get", store.get("key").kind);
   note("get, absent", store.get("absent").kind);
   note("get, damaged length", store.get("broken").kind);
+  const qn_str_t key = {3, const_cast<char*>("key")};
+  note("no value, in place", qn_kvs_put(store.get(), &key, nullptr, 31));
   note("delete", store.remove("key"));
   note("delete, absent", store.remove("key"));
-  const qn_str_t key = {3, const_cast<char*>("key")};
+  ASSERT_EQ(0, store.remove("broken"));
+  capture.clear();
+  note("no value, new key", qn_kvs_put(store.get(), &key, nullptr, 2000));
+  note("last place", store.put("key", std::string(2000, 'v')));
   void* value = nullptr;
   uint16_t length = 0;
   int32_t sum = qn_kvs_put_fmt(nullptr, &key, "%s", "");

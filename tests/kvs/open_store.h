@@ -10,7 +10,8 @@
 #include <ostream>
 #include <string>
 
-#include "core/log_gate.h"
+#include "support/gate.h"
+#include "support/owners.h"
 
 // A key as callers pass it: the first `len` bytes of `data`, or less if a NUL comes first.
 struct StoreKey {
@@ -51,21 +52,18 @@ class OpenStore {
       : path_(path), pool_(qn_pool_create(pool_size)) {
     open();
   }
-  ~OpenStore() {
-    close();
-    qn_pool_free(pool_);
-  }
+  ~OpenStore() { close(); }
   OpenStore(const OpenStore&) = delete;
   OpenStore& operator=(const OpenStore&) = delete;
 
-  int32_t open() { return result_ = qn_kvs_open(&store_, pool_, path_.c_str()); }
+  int32_t open() { return result_ = qn_kvs_open(&store_, pool_.get(), path_.c_str()); }
   void close() {
     qn_kvs_close(store_);
     store_ = nullptr;
   }
   int32_t result() const { return result_; } // of the last open
   kvstore_t* get() const { return store_; }
-  qn_pool_t* pool() const { return pool_; }
+  qn_pool_t* pool() const { return pool_.get(); }
 
   int32_t put(const StoreKey& key, const std::string& value) const {
     const qn_str_t c_key = key.c_key();
@@ -95,18 +93,9 @@ class OpenStore {
 
  private:
   const std::string path_;
-  qn_pool_t* const pool_;
+  const PoolPtr pool_;
   kvstore_t* store_ = nullptr;
   int32_t result_ = -1;
-};
-
-// Closes every gate: no record is made while it lives.
-class QuietLog {
- public:
-  QuietLog() { qn::log_gate_set_current(qn::kGateNoMaps); }
-  ~QuietLog() { qn::log_gate_set_current(qn::kGateOpen); }
-  QuietLog(const QuietLog&) = delete;
-  QuietLog& operator=(const QuietLog&) = delete;
 };
 
 #endif // TESTS_KVS_OPEN_STORE_H

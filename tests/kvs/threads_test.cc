@@ -50,7 +50,7 @@ void work(const OpenStore& store, int id, std::atomic<bool>* start) {
 }
 
 TEST(StoreThreads, ShareAStore) {
-  const QuietLog quiet;
+  const GateAt quiet(0);
   const TempDir dir;
   const std::string path = dir.file("store");
   {
