@@ -67,3 +67,21 @@ std::vector<uint32_t> StderrCapture::logids() const {
   for (const Record& record : records()) found.push_back(record.logid);
   return found;
 }
+
+std::string StderrCapture::brief() const {
+  constexpr uint32_t kAllocated = 523;
+  std::string found;
+  for (const Record& record : records()) {
+    if (record.logid == kAllocated) continue;
+    if (!found.empty()) found += ", ";
+    found += std::to_string(record.logid);
+    bool in_number = false;
+    for (const char letter : record.text) {
+      const bool is_digit = letter >= '0' && letter <= '9';
+      if (is_digit && !in_number) found += ' ';
+      if (is_digit) found += letter;
+      in_number = is_digit;
+    }
+  }
+  return found;
+}

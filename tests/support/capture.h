@@ -36,6 +36,9 @@ class StderrCapture {
   std::vector<Record> records(uint32_t logid) const;
   // Their logids, in order.
   std::vector<uint32_t> logids() const;
+  // Their logids, in order, each with the numbers in its text: "562 4 32, 563". Without those of a
+  // successful allocation.
+  std::string brief() const;
   // Forgets what was printed so far.
   void clear();
   // Gives standard error back.
