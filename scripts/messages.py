@@ -140,7 +140,7 @@ class Source:
                 fields[-1].append(token)
         if name in self.rows:
             self.fail(at, f"a second {name}")
-        if len(fields) != {"Message": 5, "Trace": 6}[kind] or self.tokens[end + 1].text != ";":
+        if len(fields) not in {"Message": (5,), "Trace": (6, 7)}[kind] or self.tokens[end + 1].text != ";":
             self.fail(at, f"{name} has not the fields of a {kind}")
 
         def text(field):
@@ -161,16 +161,20 @@ class Source:
             self.rows[name] = [Row(logid(fields[1]), level[1], *map(text, fields[2:]))]
         else:
             module, function = text(fields[0]), text(fields[1])
-            self.rows[name] = [Row(logid(fields[i]), "T", module, text(fields[i + 1]), told % (function, caller))
+            own = [text(field) for field in fields[6:]]
+            self.rows[name] = [Row(logid(fields[i]), "T", module, text(fields[i + 1]),
+                                   told % (function, *(own or [caller])))
                                for i, (told, caller) in zip((2, 4), trace_texts)]
 
     def trace_texts(self):
-        """What the two functions of a Trace log: their text, and whom they name as the caller."""
+        """What the two functions of a Trace log, and whom they name as the caller where the row names nobody."""
         texts = [[token.text for i, token in enumerate(self.tokens)
                   if token.kind == "text" and self.functions[i] == name] for name in ("trace_enter", "trace_leave")]
-        if any(len(found) != 2 or found[0].count("%s") != 2 for found in texts):
-            self.fail(0, "trace_enter() and trace_leave() have not one text and one caller each")
-        return texts
+        callers = [self.tokens[i + 2] for i in range(len(self.tokens) - 2) if self.words(i, i + 2) == ["caller", "="]]
+        if any(len(found) != 1 or found[0].count("%s") != 2 for found in texts) or \
+                [token.kind for token in callers] != ["text"]:
+            self.fail(0, "trace_enter() and trace_leave() have not one text each, or Trace not one caller")
+        return [(found[0], callers[0].text) for found in texts]
 
 
 def read_all():

@@ -1,8 +1,8 @@
 // quillctl log explain: which call sites log under a number.
 //
-// The table is text, one call site a line, fields with a tab between: logid, level, module, biz_name,
-// file, function, text. It is not part of the program: it lies in ../share/quillcore beside the program's
-// folder.
+// The table is text, one row a line, fields with a tab between: logid, level, module, biz_name, text,
+// file, and the functions that log it. It is not part of the program: it lies in ../share/quillcore
+// beside the program's folder.
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -16,8 +16,8 @@ namespace {
 
 constexpr size_t kTableMax = 256 * 1024;
 constexpr unsigned kFields = 7;
-constexpr const char* kNames[kFields] = {"logid", "level",    "module", "biz_name",
-                                         "file",  "function", "text"};
+constexpr const char* kNames[kFields] = {"logid", "level", "module",  "biz_name",
+                                         "text",  "file",  "function"};
 
 struct Field {
   const char* at;
@@ -53,8 +53,8 @@ void print_row(const Field (&fields)[kFields]) {
   char parts[kFields][160];
   for (unsigned i = 0; i < kFields; i++)
     snprintf(parts[i], sizeof(parts[i]), "%s", shown(fields[i].at, fields[i].length));
-  printf("[%s] [%s] [%s] [%s] %s\n    %s, %s()\n", parts[0], parts[1], parts[2], parts[3], parts[6],
-         parts[4], parts[5]);
+  printf("[%s] [%s] [%s] [%s] %s\n    %s: %s\n", parts[0], parts[1], parts[2], parts[3], parts[4],
+         parts[5], parts[6]);
 }
 
 void json_row(Json* json, const Field (&fields)[kFields]) {

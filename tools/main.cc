@@ -1,5 +1,6 @@
 // quillctl: finds the command, reads its options, runs it.
 #include <getopt.h>
+#include <quillcore/api.h>
 
 #include <cstdio>
 #include <cstring>

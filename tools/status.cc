@@ -1,4 +1,6 @@
 // quillctl status: one line a daemon.
+#include <quillcore/api.h>
+
 #include <cstdio>
 #include <cstring>
 

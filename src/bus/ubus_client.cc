@@ -19,6 +19,7 @@ extern "C" { // which headers from before 2020 do not say themselves
 namespace {
 
 using qn::Message;
+using qn::Trace;
 
 constexpr char kModule[] = "qn_ubus";
 constexpr char kAddHandler[] = "qn_ubus_add_handler";
@@ -42,7 +43,7 @@ constexpr Message kEventAdded{QN_LOG_I, 0, kModule, kAddEvent,
                               "add event_name=%s ok. register_event_counter=%u"};
 constexpr Message kNoPath{QN_LOG_E, 629, kModule, kStart, "path is NULL"};
 constexpr Message kThreadFailed{QN_LOG_E, 631, kModule, kStart, "create ubus client thread failed."};
-constexpr qn::Trace kTraceStart{kModule, kStart, 630, kStart, 632, kStart, kCaller};
+constexpr Trace kTraceStart{kModule, kStart, 630, kStart, 632, kStart, kCaller};
 constexpr Message kPathTooLong{QN_LOG_E, 620, kModule, kLoop, "strcpy_s faile. path=%s."};
 constexpr Message kConnectFailed{QN_LOG_E, 621, kModule, kLoop, "Failed to connect to ubus."};
 constexpr Message kConnected{QN_LOG_I, 622, kModule, kLoop, "ubus_connect ok."};

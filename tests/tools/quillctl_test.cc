@@ -118,7 +118,7 @@ class Hubd {
 class StoreTool : public testing::Test {
  protected:
   StoreTool() {
-    const QuietLog quiet;
+    const GateAt quiet(0);
     OpenStore store(file_);
     store.put("alpha", "one"), store.put("beta", std::string(40, 'b')), store.put("empty", "");
     store.put("odd\x1b/", std::string("\0\x7f\n", 3));
@@ -394,7 +394,7 @@ TEST(LogTool, FollowsThroughAThousandRotationsAndTellsWhatIsLost) {
 TEST(LogTool, ExplainsEveryRowOfTheSourcesAndNoOther) {
   std::multiset<std::string> rows, told;
   const std::regex message("constexpr Message \\w+\\{\\s*QN_LOG_(.), (\\d+),"), number("\\b\\d+\\b"),
-      trace("constexpr Trace \\w+\\{([^}]*)"), row("(?:^|\n)(\\d+)\t(.)\t");
+      trace("constexpr Trace \\w+\\{([^}]*)"), row("(?:^|\n)0*(\\d+)\t(.)\t");
   const auto each = [](const std::string& text, const std::regex& pattern, const auto& call) {
     for (std::sregex_iterator it(text.begin(), text.end(), pattern), end; it != end; ++it) call(*it);
   };
@@ -408,8 +408,8 @@ TEST(LogTool, ExplainsEveryRowOfTheSourcesAndNoOther) {
   each(read_file(LOGIDS), row, [&](const auto& it) { told.insert(it.str(1) + it.str(2)); });
   EXPECT_EQ(rows, told);
   EXPECT_EQ(
-      "[512] [E] [kvstore] [kvs_get] get key=%s, item value len=%d greater than max=%d.\n"
-      "    src/kvs/operations.cc, qn_kvs_get()\n",
+      "[0512] [E] [kvstore] [kvs_get] get key=%s, item value len=%d greater than max=%d.\n"
+      "    src/kvs/operations.cc: qn_kvs_get\n",
       said("log explain 512"));
 }
 

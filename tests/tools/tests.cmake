@@ -2,7 +2,7 @@ if(TARGET quillctl_logids)
   quill_test(quillctl_test tools/quillctl_test.cc
     ${PROJECT_SOURCE_DIR}/examples/log_switches.c $<TARGET_OBJECTS:quillctl_objects>)
   target_include_directories(quillctl_test PRIVATE ${PROJECT_SOURCE_DIR})
-  target_compile_definitions(quillctl_test PRIVATE QN_VERSION="${PROJECT_VERSION}"
+  target_compile_definitions(quillctl_test PRIVATE
     QUILLCTL="$<TARGET_FILE:quillctl>" QUILL_SOURCE="${PROJECT_SOURCE_DIR}" LOGIDS="${logids}")
   # GCC sees std::regex use what it did not set, with sanitizers only.
   target_compile_options(quillctl_test PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
