@@ -32,34 +32,53 @@ extern "C" {
 namespace {
 
 constexpr uint32_t kPoolSize = 32768;
-constexpr uint32_t kFilled = 32000; // bytes of it that a batch takes; the pool's own record stays out
+constexpr uint32_t kFilled = 32000; // bytes of each block that a batch takes; headers stay out
+constexpr uint32_t kBlocksMax = 64;
 constexpr uint32_t kHeapSize = 64;
 
-// The limit: the same contract, a cursor in memory that moves in multiples of 4, and no call.
+// The limit: the same contract, a cursor in memory that moves in multiples of 4, and a call only where a
+// block is full. A fresh one clears its blocks as ours does.
 class Bump {
  public:
-  ~Bump() { free(block_); }
+  ~Bump() {
+    for (Block* block = first_; block != nullptr;) {
+      Block* const next = block->next;
+      free(block);
+      block = next;
+    }
+  }
   void* allocate(uint32_t size) {
     const uintptr_t start = (block_->last + 3u) & ~uintptr_t{3};
-    if (start + size > block_->end) return nullptr;
+    if (start + size > block_->end) return allocate_from_next(size);
     block_->last = start + size;
     return reinterpret_cast<void*>(start);
   }
-  void reset() { block_->last = reinterpret_cast<uintptr_t>(block_ + 1); }
+  void reset() { enter(first_); }
 
  private:
   struct Block {
     uintptr_t last;
     uintptr_t end;
+    Block* next;
   };
   static Block* make_block() {
-    auto* const block = static_cast<Block*>(malloc(kPoolSize));
-    bench::must(block != nullptr, "malloc");
-    *block = {reinterpret_cast<uintptr_t>(block + 1), reinterpret_cast<uintptr_t>(block) + kPoolSize};
+    auto* const block = static_cast<Block*>(calloc(1, kPoolSize));
+    bench::must(block != nullptr, "calloc");
+    block->end = reinterpret_cast<uintptr_t>(block) + kPoolSize;
     return block;
   }
+  void enter(Block* block) {
+    block_ = block;
+    block_->last = reinterpret_cast<uintptr_t>(block_ + 1);
+  }
+  __attribute__((noinline)) void* allocate_from_next(uint32_t size) {
+    if (block_->next == nullptr) block_->next = make_block();
+    enter(block_->next);
+    return allocate(size);
+  }
 
-  Block* block_ = make_block();
+  Block* first_ = make_block();
+  Block* block_ = (enter(first_), first_);
 };
 
 class Ours {
@@ -75,14 +94,14 @@ class Ours {
 // Through the interface of all memory resources, as a container reaches it.
 class Monotonic {
  public:
-  Monotonic() { benchmark::DoNotOptimize(interface_); }
   void* allocate(uint32_t size) { return interface_->allocate(size, 4); }
   void reset() { resource_.release(); }
 
  private:
   std::unique_ptr<uint8_t[]> block_ = std::make_unique<uint8_t[]>(kPoolSize);
   std::pmr::monotonic_buffer_resource resource_{block_.get(), kPoolSize};
-  std::pmr::memory_resource* interface_ = &resource_;
+  std::pmr::memory_resource* volatile interface_ =
+      &resource_; // the compiler shall not see what is behind it
 };
 
 #ifdef HAVE_OBSTACK
@@ -110,7 +129,7 @@ class Malloc {
   }
 
  private:
-  std::array<void*, kFilled / 16> blocks_;
+  std::array<void*, kBlocksMax * kFilled / 16> blocks_;
   size_t count_ = 0;
 };
 
@@ -135,25 +154,52 @@ class Talloc {
   void reset() { talloc_free_children(pool_); }
 
  private:
-  // Every block has a header of its own, which is at most 112 bytes long.
+  // Every block has a header of its own, which is at most 112 bytes long. What one does not hold comes
+  // from the heap.
   void* pool_ = talloc_pool(nullptr, kFilled + kFilled / 16 * 112);
 };
 #endif
 
-// Fills the pool and takes everything back; the time is that of one block.
+template <typename Pool>
+void take(Pool& pool, uint32_t size, uint32_t count) {
+  for (uint32_t i = 0; i < count; i++) benchmark::DoNotOptimize(pool.allocate(size));
+}
+
+// Fills a pool that has its blocks and takes everything back. The time is that of one request.
+template <typename Pool>
+void measure_after_reset(benchmark::State& state, uint32_t size, uint32_t count) {
+  const auto pool = std::make_unique<Pool>();
+  for (uint32_t i = 0; i < count; i++) bench::must(pool->allocate(size) != nullptr, "allocate");
+  pool->reset();
+  while (state.KeepRunningBatch(count)) {
+    take(*pool, size, count);
+    pool->reset();
+  }
+}
+
+// Makes a pool, fills it and frees it.
+template <typename Pool>
+void measure_fresh(benchmark::State& state, uint32_t size, uint32_t count) {
+  while (state.KeepRunningBatch(count)) {
+    const auto pool = std::make_unique<Pool>();
+    take(*pool, size, count);
+    pool->reset();
+  }
+}
+
 template <typename Pool>
 void add_pool(const std::string& who) {
   for (const uint32_t size : {16u, 64u, 256u}) {
-    bench::add("palloc " + std::to_string(size), who, [size](benchmark::State& state) {
-      Pool pool;
-      const uint32_t count = kFilled / size;
-      for (uint32_t i = 0; i < count; i++) bench::must(pool.allocate(size) != nullptr, "allocate");
-      pool.reset();
-      while (state.KeepRunningBatch(count)) {
-        for (uint32_t i = 0; i < count; i++) benchmark::DoNotOptimize(pool.allocate(size));
-        pool.reset();
-      }
-    });
+    for (const uint32_t blocks : {1u, 8u, kBlocksMax}) {
+      const uint32_t count = blocks * (kFilled / size);
+      const std::string operation =
+          "palloc " + std::to_string(size) + ", blocks " + std::to_string(blocks);
+      bench::add(operation + ", reset", who, [size, count](benchmark::State& state) {
+        measure_after_reset<Pool>(state, size, count);
+      });
+      bench::add(operation + ", fresh", who,
+                 [size, count](benchmark::State& state) { measure_fresh<Pool>(state, size, count); });
+    }
   }
 }
 

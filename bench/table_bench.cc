@@ -6,10 +6,12 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <random>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -26,6 +28,7 @@
 namespace {
 
 constexpr size_t kFew = 500;
+constexpr size_t kSome = 5000;
 constexpr size_t kMany = 50000;
 
 // The limit: one array, sought from the hash on, in which each place holds hash, key and value.
@@ -42,14 +45,15 @@ class OpenAddressing {
   }
 
   void* get(const char* key) {
+    const uint32_t hashed = hash(key);
     const Guard guard(mutex_);
-    const Place& place = find(key, hash(key));
+    const Place& place = find(key, hashed);
     return place.key != nullptr ? place.value : nullptr;
   }
 
   void put(const char* key, void* value) {
-    const Guard guard(mutex_);
     const uint32_t hashed = hash(key);
+    const Guard guard(mutex_);
     Place& place = find(key, hashed);
     if (place.key == nullptr) place = {hashed, strdup(key), nullptr};
     place.value = value;
@@ -57,8 +61,9 @@ class OpenAddressing {
 
   // What follows in the run moves up, so that no search ends too early.
   void remove(const char* key) {
+    const uint32_t hashed = hash(key);
     const Guard guard(mutex_);
-    Place* hole = &find(key, hash(key));
+    Place* hole = &find(key, hashed);
     if (hole->key == nullptr) return;
     free(hole->key);
     size_t at = static_cast<size_t>(hole - places_.data());
@@ -135,6 +140,7 @@ class Ours {
   qn_table_t* table_;
 };
 
+// Looked up by the caller's text, without a string made of it.
 class UnorderedMap {
  public:
   explicit UnorderedMap(size_t expected) { map_.reserve(expected); }
@@ -145,15 +151,25 @@ class UnorderedMap {
   }
   void put(const char* key, void* value) {
     const std::lock_guard guard(mutex_);
-    map_[key] = value;
+    const auto found = map_.find(key);
+    if (found != map_.end()) {
+      found->second = value;
+    } else {
+      map_.emplace(key, value);
+    }
   }
   void remove(const char* key) {
     const std::lock_guard guard(mutex_);
-    map_.erase(key);
+    const auto found = map_.find(key);
+    if (found != map_.end()) map_.erase(found);
   }
 
  private:
-  std::unordered_map<std::string, void*> map_;
+  struct Hash {
+    using is_transparent = void;
+    size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
+  };
+  std::unordered_map<std::string, void*, Hash, std::equal_to<>> map_;
   std::mutex mutex_;
 };
 
@@ -240,13 +256,17 @@ class GHash {
 };
 #endif
 
-// Keys as a daemon has them, in an order that no prefetcher guesses.
-std::vector<std::string> make_keys(size_t count, const char* prefix) {
+// Keys as a daemon has them, in an order that no prefetcher guesses: for another `seed` another one,
+// since what was put in one order lies in the heap in that order. The same in every run.
+std::vector<std::string> make_keys(size_t count, const char* prefix, uint32_t seed) {
   std::vector<std::string> keys;
   for (size_t i = 0; i < count; i++) keys.push_back(prefix + std::to_string(i) + ".rssi");
-  std::shuffle(keys.begin(), keys.end(), std::mt19937(7)); // NOLINT: the same order in every run
+  std::shuffle(keys.begin(), keys.end(), std::mt19937(seed));
   return keys;
 }
+
+constexpr uint32_t kPutOrder = 7;
+constexpr uint32_t kAskOrder = 11;
 
 char g_value;
 
@@ -257,10 +277,9 @@ void fill(Table& table, const std::vector<std::string>& keys) {
 
 template <typename Table>
 void measure_get(benchmark::State& state, size_t count, bool present) {
-  const std::vector<std::string> keys = make_keys(count, "station.");
-  const std::vector<std::string> asked = present ? keys : make_keys(count, "antenna.");
+  const std::vector<std::string> asked = make_keys(count, present ? "station." : "antenna.", kAskOrder);
   Table table(count);
-  fill(table, keys);
+  fill(table, make_keys(count, "station.", kPutOrder));
   bench::must((table.get(asked[0].c_str()) != nullptr) == present, "get");
   size_t at = 0;
   for (auto _ : state) {
@@ -270,21 +289,21 @@ void measure_get(benchmark::State& state, size_t count, bool present) {
 }
 
 template <typename Table>
-void measure_put_known(benchmark::State& state) {
-  const std::vector<std::string> keys = make_keys(kFew, "station.");
-  Table table(kFew);
-  fill(table, keys);
+void measure_put_known(benchmark::State& state, size_t count) {
+  const std::vector<std::string> keys = make_keys(count, "station.", kAskOrder);
+  Table table(count);
+  fill(table, make_keys(count, "station.", kPutOrder));
   size_t at = 0;
   for (auto _ : state) {
     table.put(keys[at].c_str(), &state);
-    if (++at == kFew) at = 0;
+    if (++at == count) at = 0;
   }
 }
 
 // A batch fills an empty table, or empties a full one; what lies between two batches is not measured.
 template <typename Table>
 void measure_put_new(benchmark::State& state) {
-  const std::vector<std::string> keys = make_keys(kFew, "station.");
+  const std::vector<std::string> keys = make_keys(kFew, "station.", kPutOrder);
   Table table(kFew);
   while (state.KeepRunningBatch(kFew)) {
     for (const std::string& key : keys) table.put(key.c_str(), &g_value);
@@ -296,13 +315,14 @@ void measure_put_new(benchmark::State& state) {
 
 template <typename Table>
 void measure_remove(benchmark::State& state) {
-  const std::vector<std::string> keys = make_keys(kFew, "station.");
+  const std::vector<std::string> put = make_keys(kFew, "station.", kPutOrder);
+  const std::vector<std::string> removed = make_keys(kFew, "station.", kAskOrder);
   Table table(kFew);
-  fill(table, keys);
+  fill(table, put);
   while (state.KeepRunningBatch(kFew)) {
-    for (const std::string& key : keys) table.remove(key.c_str());
+    for (const std::string& key : removed) table.remove(key.c_str());
     state.PauseTiming();
-    fill(table, keys);
+    fill(table, put);
     state.ResumeTiming();
   }
 }
@@ -314,6 +334,7 @@ void add_table(const char* who) {
     size_t count;
     bool present;
   } gets[] = {{"table get, 500 keys", kFew, true},
+              {"table get, 5000 keys", kSome, true},
               {"table get, 50000 keys", kMany, true},
               {"table get absent, 500 keys", kFew, false},
               {"table get absent, 50000 keys", kMany, false}};
@@ -321,7 +342,10 @@ void add_table(const char* who) {
     bench::add(row.operation, who,
                [row](benchmark::State& state) { measure_get<Table>(state, row.count, row.present); });
   }
-  bench::add("table put, known key", who, measure_put_known<Table>);
+  bench::add("table put, known of 500", who,
+             [](benchmark::State& state) { measure_put_known<Table>(state, kFew); });
+  bench::add("table put, known of 50000", who,
+             [](benchmark::State& state) { measure_put_known<Table>(state, kMany); });
   bench::add("table put, new key", who, measure_put_new<Table>);
   bench::add("table remove", who, measure_remove<Table>);
 }
