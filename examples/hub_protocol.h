@@ -8,15 +8,10 @@
 //   HUB_MSG_PUT         key, value                           empty       CONFIG
 //   HUB_MSG_GET         key                                  the value   CONFIG, MONITOR
 //   HUB_MSG_DELETE      key                                  empty       CONFIG
-//   HUB_MSG_LOG         level ROLE LETTER                    empty       CONFIG; root or hubd's user only
-//                       logid ROLE NUMBER on|off
-//                       biz ROLE NAME on|off
-//                       console ROLE on|off
-//                       trace ROLE on|off
-//                       reset
 //   HUB_MSG_INTERFACES  none                                 a table     CONFIG, MONITOR
-//   HUB_MSG_PAIR        name, its peer's, the bridge's       empty       CONFIG; root or hubd's user only
+//   HUB_MSG_PAIR        name, its peer's, the bridge's       empty       CONFIG
 //   HUB_MSG_CHILD       status|start|stop                    one line    CONFIG
+//   LOG_SWITCHES_TYPE   see log_switches.h                               CONFIG
 //
 // msg_err of the answer tells how it went:
 //
@@ -35,10 +30,9 @@
 #define HUB_MSG_PUT 1
 #define HUB_MSG_GET 2
 #define HUB_MSG_DELETE 3
-#define HUB_MSG_LOG 4
-#define HUB_MSG_INTERFACES 5
-#define HUB_MSG_PAIR 6
-#define HUB_MSG_CHILD 7
+#define HUB_MSG_INTERFACES 4
+#define HUB_MSG_PAIR 5
+#define HUB_MSG_CHILD 6
 
 // Senders. Each is one bit, so that a row of the handler table can serve several.
 #define HUB_SRC_CONFIG 0x0001  // may read and write
@@ -50,11 +44,9 @@
 #define HUB_ERR_NO_ROOM 4 // the value is too long, or no place of its size is free; nothing was changed
 #define HUB_ERR_NOT_ON_DISK 5 // changed in memory, and lost at a restart unless a later change is written
 #define HUB_ERR_CLOSING 6     // the daemon is shutting down
-#define HUB_ERR_NOT_ALLOWED 7 // the sender's user may not do this
-#define HUB_ERR_LOG_CHANGE 8  // the log did not take the change; hubd's log says why
-#define HUB_ERR_INTERFACES 9  // the interfaces could not be listed
-#define HUB_ERR_PAIR 10       // the pair could not be made, or not be put on the bridge
-#define HUB_ERR_CHILD 11      // the child could not be started
+#define HUB_ERR_INTERFACES 7  // the interfaces could not be listed
+#define HUB_ERR_PAIR 8        // the pair could not be made, or not be put on the bridge
+#define HUB_ERR_CHILD 9       // the child could not be started
 
 // The largest body of a request. It is more than the longest put needs, so that a value that is too long
 // for the store still reaches the handler and is refused with a reason.

@@ -130,23 +130,19 @@ static int each_line(int fd, const char* path, use_line_t* use_line) {
 static const struct command {
   const char* name;
   const char* words;
-  int words_min, words_max;
+  int word_count;
   uint8_t msg_type;
   uint16_t source;
   use_line_t* use_line; // not null: the word is a settings file
 } commands[] = {
-    {"put", "KEY VALUE", 2, 2, HUB_MSG_PUT, HUB_SRC_CONFIG, NULL},
-    {"get", "KEY", 1, 1, HUB_MSG_GET, HUB_SRC_MONITOR, NULL},
-    {"delete", "KEY", 1, 1, HUB_MSG_DELETE, HUB_SRC_CONFIG, NULL},
-    {"load", "FILE", 1, 1, 0, 0, put_line},
-    {"verify", "FILE", 1, 1, 0, 0, compare_line},
-    {"log",
-     "reset | level ROLE LETTER | logid ROLE NUMBER on|off | biz ROLE NAME on|off |\n"
-     "      console ROLE on|off | trace ROLE on|off",
-     1, 4, HUB_MSG_LOG, HUB_SRC_CONFIG, NULL},
-    {"interfaces", "", 0, 0, HUB_MSG_INTERFACES, HUB_SRC_MONITOR, NULL},
-    {"pair", "NAME PEER BRIDGE", 3, 3, HUB_MSG_PAIR, HUB_SRC_CONFIG, NULL},
-    {"child", "status|start|stop", 1, 1, HUB_MSG_CHILD, HUB_SRC_CONFIG, NULL},
+    {"put", "KEY VALUE", 2, HUB_MSG_PUT, HUB_SRC_CONFIG, NULL},
+    {"get", "KEY", 1, HUB_MSG_GET, HUB_SRC_MONITOR, NULL},
+    {"delete", "KEY", 1, HUB_MSG_DELETE, HUB_SRC_CONFIG, NULL},
+    {"load", "FILE", 1, 0, 0, put_line},
+    {"verify", "FILE", 1, 0, 0, compare_line},
+    {"interfaces", "", 0, HUB_MSG_INTERFACES, HUB_SRC_MONITOR, NULL},
+    {"pair", "NAME PEER BRIDGE", 3, HUB_MSG_PAIR, HUB_SRC_CONFIG, NULL},
+    {"child", "status|start|stop", 1, HUB_MSG_CHILD, HUB_SRC_CONFIG, NULL},
 };
 #define COMMAND_COUNT (sizeof(commands) / sizeof(commands[0]))
 
@@ -160,7 +156,7 @@ static int usage(void) {
 static const struct command* find_command(const char* name, int words) {
   for (size_t i = 0; i < COMMAND_COUNT; i++) {
     const struct command* row = &commands[i];
-    if (strcmp(row->name, name) == 0 && words >= row->words_min && words <= row->words_max) return row;
+    if (strcmp(row->name, name) == 0 && row->word_count == words) return row;
   }
   return NULL;
 }

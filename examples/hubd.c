@@ -135,11 +135,10 @@ static int start_service(void) {
       {HUB_SRC_CONFIG, HUB_MSG_PUT, handle_put, NULL},
       {HUB_SRC_CONFIG | HUB_SRC_MONITOR, HUB_MSG_GET, handle_get, NULL},
       {HUB_SRC_CONFIG, HUB_MSG_DELETE, handle_delete, NULL},
-      {HUB_SRC_CONFIG, HUB_MSG_LOG, handle_log, NULL},
-      LOG_SWITCHES_ROW(HUB_SRC_CONFIG),
       {HUB_SRC_CONFIG | HUB_SRC_MONITOR, HUB_MSG_INTERFACES, handle_interfaces, NULL},
       {HUB_SRC_CONFIG, HUB_MSG_PAIR, handle_pair, NULL},
       {HUB_SRC_CONFIG, HUB_MSG_CHILD, handle_child, NULL},
+      LOG_SWITCHES_ROW(HUB_SRC_CONFIG),
   };
   static const qn_service_conf_t conf = {
       .server_path = hub.socket_path, .backlog = 8, .max_msg_len = HUB_BODY_MAX, .slot = 0};
@@ -185,7 +184,8 @@ static int wait_until(int (*is_so)(void)) {
 static int bring_up(void) {
   qn_init_dir(); // does not tell whether it could; the pid file does
   if (hub.daemon) qn_daemon();
-  // A supervisor starts hubd with any umask, and qn_daemon() leaves 0: the store is for nobody else.
+  // A supervisor starts hubd with any umask, and qn_daemon() leaves 0: store and socket are for hubd's
+  // own user, and so what can be asked of it is.
   umask(077);
   // The lock comes first: who has it may take over a pid file that was left behind.
   if (lock_store() != 0 || take_pid_file() != 0) return -1;

@@ -13,7 +13,7 @@
 
 // --- request.c: what several handlers need.
 
-#define HUB_WORDS_MAX 4
+#define HUB_WORDS_MAX 3
 
 typedef struct hub_words {
   uint32_t count;               // may be more than HUB_WORDS_MAX
@@ -25,14 +25,8 @@ typedef struct hub_words {
 // Splits a request's body into its words.
 void hub_split(const qn_msg_req_t* req, hub_words_t* words);
 
-// Copies a word to a field of `size` bytes. Returns 0; -1 when it does not fit.
-int hub_copy_word(const qn_str_t* word, char* field, uint32_t size);
-
 // The result of a handler that refuses: leaves `code` and a text of at most 127 bytes as the error body.
 #define HUB_REFUSE(code, ...) (qn_service_make_error_msg(code, rsp_body, rsp_len, __VA_ARGS__), -1)
-
-// Returns 0 when root or the user that hubd runs as has connected; else it refuses to do `what`.
-int32_t hub_refuse_others(const qn_msg_req_t* req, const char* what, void** rsp_body, uint32_t* rsp_len);
 
 // --- store_handlers.c
 
@@ -52,9 +46,9 @@ int hub_store_put_event(hub_store_t* hub, const char* text);
 // Waits for the one who uses the store and closes it. Later requests are answered with HUB_ERR_CLOSING.
 void hub_store_close(hub_store_t* hub);
 
-// --- log_handler.c, interfaces.c
+// --- interfaces.c
 
-qn_msg_handler_t handle_log, handle_interfaces, handle_pair;
+qn_msg_handler_t handle_interfaces, handle_pair;
 
 // --- sampler.c: the supervised child. Any thread may call these.
 

@@ -61,7 +61,6 @@ int32_t handle_interfaces(const qn_msg_req_t* req, void** rsp_body, uint32_t* rs
 }
 
 int32_t handle_pair(const qn_msg_req_t* req, void** rsp_body, uint32_t* rsp_len) {
-  if (hub_refuse_others(req, "make interfaces", rsp_body, rsp_len) != 0) return -1;
   hub_words_t words;
   hub_split(req, &words);
   const char *name = words.word[0].data, *peer = words.word[1].data, *bridge = words.word[2].data;

@@ -52,7 +52,7 @@ const Command kCommands[] = {
      run_store_import},
     {"call", "", 0, 0, "stmaxipwj", "one request and its answer",
      "Status 0 for msg_err 0, 1 for another, 3 when no answer comes.",
-     "quillctl call -s /tmp/quillnet/hubd.sock -t 2 -m 1 --hex '01 76'", run_call},
+     "quillctl call -s /tmp/quillnet/hubd.sock -t 2 -m 1 --text v", run_call},
     {"log", "ROLE...", 1, 16, "SnfFlMLbgj", "the records of daemons, in the order of time", "",
      "quillctl log hubd leafd --since 1m\nquillctl log hubd --follow --level GFEW", run_log},
     {"log explain", "LOGID", 1, 1, "Tj", "what logs under a number, and where", "",
