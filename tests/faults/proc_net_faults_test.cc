@@ -1,5 +1,5 @@
-// Daemons, children, pid files, random keys and interfaces, on a system of their own: see
-// make_own_system().
+// Daemons, children, pid files, random keys, interfaces and the log's files, on a system of their own:
+// see make_own_system().
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <quillcore/interface.h>
@@ -13,13 +13,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string>
 
+#include "core/log.h"
 #include "faults/table.h"
+#include "log/permission.h"
 #include "platform/guards.h"
 #include "support/temp_dir.h"
 
@@ -60,19 +61,23 @@ int64_t ended(int32_t pid) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-qn_child_proc_t child_record() {
-  qn_child_proc_t child = {};
-  child.entry = [](void*) -> int32_t { _exit(7); };
-  child.name = "worker";
-  child.pid = child.read_fd = child.write_fd = kUntouched;
-  return child;
+// --- processes ---
+
+qn_child_proc_t child_record(int32_t (*entry)(void*)) {
+  return {entry, "worker", {}, kUntouched, kUntouched, kUntouched};
+}
+
+int32_t leave(void*) { _exit(7); }
+
+int32_t stay(void*) {
+  for (;;) pause();
 }
 
 int64_t start_child() {
-  qn_child_proc_t child = child_record();
+  qn_child_proc_t child = child_record(leave);
   const int32_t result = qn_proc_child_start(&child);
-  EXPECT_EQ(result != 0, child.read_fd == kUntouched && child.write_fd == kUntouched);
-  EXPECT_EQ(result != 0, child.pid == kUntouched);
+  for (const int32_t left : {child.pid, child.read_fd, child.write_fd})
+    EXPECT_EQ(result != 0, left == kUntouched);
   if (result != 0) return result;
   close(child.read_fd);
   close(child.write_fd);
@@ -80,22 +85,14 @@ int64_t start_child() {
 }
 
 // How the child ended, provided that the stop succeeded.
-int64_t stop_child(int32_t (*entry)(void*)) {
-  qn_child_proc_t child = child_record();
-  child.entry = entry;
+template <auto entry>
+int64_t stop_child() {
+  qn_child_proc_t child = child_record(entry);
   spare(true);
   EXPECT_EQ(0, qn_proc_child_start(&child));
   spare(false);
   EXPECT_EQ(0, qn_proc_child_stop(&child));
   return ended(child.pid);
-}
-
-int64_t stop_leaving() { return stop_child(child_record().entry); }
-
-int64_t stop_staying() {
-  return stop_child([](void*) -> int32_t {
-    for (;;) pause();
-  });
 }
 
 int64_t start_program() {
@@ -107,21 +104,6 @@ int64_t start_program() {
   return result == 0 ? ended(pid) : result;
 }
 
-// How the child ended that was told to: by the signal of the call, or by ours where the call's failed.
-int64_t stop_program() {
-  spare(true);
-  const pid_t child = fork();
-  if (child == 0) {
-    for (;;) pause();
-  }
-  spare(false);
-  EXPECT_EQ(0, qn_proc_child_stop_exec("/bin/true", "name", child));
-  spare(true);
-  if (fired()) kill(child, SIGKILL);
-  spare(false);
-  return ended(child);
-}
-
 // Only the child's process goes on as a daemon; what it says comes through a pipe.
 int64_t daemonise() {
   int ends[2] = {-1, -1};
@@ -130,7 +112,6 @@ int64_t daemonise() {
   const pid_t starter = fork();
   spare(false);
   if (starter == 0) {
-    spare(false);
     const char answer = qn_daemon() == 0 ? 'y' : 'n';
     _exit(write(ends[1], &answer, 1) == 1 ? 0 : 1);
   }
@@ -146,7 +127,9 @@ int64_t daemonise() {
 constexpr int64_t kUnchanged = 100;
 constexpr int64_t kGone = 200;
 
-int64_t take_pid_file(const std::string& before) {
+template <bool own>
+int64_t take_pid_file() {
+  const std::string before = pid_bytes(own ? getpid() : 0);
   write_file(kPidFile, before);
   const int32_t result = qn_proc_check_or_create_pidfile("x.pid");
   disarm();
@@ -156,22 +139,11 @@ int64_t take_pid_file(const std::string& before) {
   return result == 0 ? 0 : (after == before ? kUnchanged : 0) + result;
 }
 
-int64_t take_stale() { return take_pid_file(pid_bytes(0)); }
-int64_t take_own() { return take_pid_file(pid_bytes(getpid())); }
-
-int64_t clean_pid_file() {
-  write_file(kPidFile, pid_bytes(getpid()));
-  const int32_t result = qn_proc_clean_pidfile("x.pid");
-  EXPECT_EQ(result != 0, std::filesystem::exists(kPidFile));
-  return result;
-}
-
 // The length of the key; a key of less than four characters leaves nothing behind.
 int64_t random_key() {
   char key[5] = {'#', '#', '#', '#', '#'};
   qn_generate_random_key(key, 4);
-  EXPECT_EQ('\0', key[4]);
-  const int64_t length = static_cast<int64_t>(strlen(key));
+  const int64_t length = static_cast<int64_t>(strnlen(key, 5));
   if (length < 4) EXPECT_EQ(5, std::count(key, key + 5, '\0'));
   return length;
 }
@@ -183,10 +155,7 @@ int64_t random_number() {
   return qn_random_get_num(fd.get());
 }
 
-int64_t random_open() {
-  const qn::UniqueFd fd(qn_random_open());
-  return fd.valid() ? 0 : -1;
-}
+// --- interfaces ---
 
 int64_t hardware_address() {
   uint8_t mac[6] = {9, 9, 9, 9, 9, 9};
@@ -202,8 +171,6 @@ int64_t make_pair() {
   disarm();
   return result == 0 ? int64_t{QnIntfIsUp("made0")} + QnIntfIsUp("made1") : result;
 }
-
-int64_t join_bridge() { return QnIntfAddIfToBridge("right0", "left0"); }
 
 int64_t read_counters() {
   qn_intf_eth_metric_t metric;
@@ -229,8 +196,56 @@ int64_t ask_about_port() {
   return question("port0");
 }
 
-int64_t is_on_bridge() { return QnIntfIsOnBridge("bridge0", "port0"); }
-int64_t is_bridge() { return QnBridgeIsExist("bridge0"); }
+// --- the log ---
+
+const std::string kLive = "/tmp/quillnet/log/relay_0.log.txt";
+constexpr uint32_t kRelay = 5;
+
+size_t size_of(const std::string& path) { return read_file(path).size(); }
+
+// What is in the live file of one record of 10 bytes and in the error file, and whether the next one gets
+// there too.
+struct Write : Operation {
+  explicit Write(size_t filled = 0) {
+    log = qn_log_local_new(0, kRelay, 0);
+    const std::string before(filled, 'b');
+    if (filled != 0) put(QN_LOG_I, before);
+    undisturbed = {1010};
+  }
+  ~Write() override { qn_log_free(log); }
+
+  void put(uint32_t level, const std::string& line) {
+    EXPECT_EQ(0, log->local_writer->write(log, level, line.c_str(), line.size()));
+  }
+  int64_t run() override {
+    put(QN_LOG_G, "a record.\n");
+    disarm();
+    return static_cast<int64_t>(size_of(kLive) * 100 +
+                                size_of("/tmp/quillnet/log/relay_error_0.log.txt"));
+  }
+  void check(const Outcome&) override {
+    const size_t before = size_of(kLive);
+    put(QN_LOG_I, "the next.\n");
+    EXPECT_EQ(before + 10, size_of(kLive));
+  }
+
+  qn_log_t* log;
+};
+
+// Whether there is an instance.
+int64_t make_instance() {
+  qn_log_t* const log = qn_log_local_new(0, kRelay, 0);
+  qn_log_free(log);
+  return log != nullptr;
+}
+
+int64_t load_permissions() {
+  const int32_t result = qn_log_permit_init();
+  disarm();
+  if (result != 0) EXPECT_FALSE(qn_log_is_permitted("hubd", 1, "b", QN_LOG_W));
+  qn_log_permit_free();
+  return result;
+}
 
 } // namespace
 
@@ -264,186 +279,90 @@ void make_own_system() {
   }
 }
 
+// One outcome for each heap block: of the map, its rows, the map of switches and its rows.
+std::vector<Outcome> permission_blocks() {
+  std::vector<Outcome> outcomes(1 + 16 + 1 + 6, {0, {524, 0}});
+  outcomes[0].result = outcomes[17].result = -1;
+  return outcomes;
+}
+
 std::vector<Row> proc_net_rows() {
-  const Make start = on(start_child, {7}), stop = on(stop_leaving, {7}), program = on(start_program);
-  const Make stop_exec = on(stop_program, {-SIGTERM}), daemon = on(daemonise), clean = on(clean_pid_file);
-  const Make stale = on(take_stale, {0, {602}});
-  const Make own = on(take_own, {kUnchanged + QN_PROC_ALIVE, {599, 600}});
+  const Make start = on(start_child, {7}), stop = on(stop_child<leave>, {7}), program = on(start_program);
+  const Make daemon = on(daemonise),
+             own = on(take_pid_file<true>, {kUnchanged + QN_PROC_ALIVE, {599, 600}});
+  const Make stale = on(take_pid_file<false>, {0, {602}});
   const Make key = on(random_key, {4}), mac = on(hardware_address);
-  const Make number = on(random_number, {0x74786973}); // "sixt"
-  const Make pair = on(make_pair, {2}), join = on(join_bridge, {-1});
+  const Make pair = on(make_pair, {2});
+  const Make join = on([]() -> int64_t { return QnIntfAddIfToBridge("right0", "left0"); }, {-1});
   const Make exists = on(ask_about_pair<QnIntfIsExist>, {1}), up = on(ask_about_pair<QnIntfIsUp>, {1});
   const Make index = on([]() -> int64_t { return QnIntfNameToIndex("left0") > 0; }, {1});
   const Make veth = on(ask_about_pair<QnIntfIsVEthDev>, {1});
-  const Make bridge_dev = on(ask_about_pair<QnIntfIsBridgeDev>, {0});
   const Make power = on(ask_about_port<QnIntfGetPowerState>, {QN_INTF_POWER_ON});
   const Make state = on(ask_about_port<QnIntfGetOperState>, {QN_INTF_OPER_DORMANT});
   const Make speed = on(ask_about_port<QnIntfGetSpeed>, {1000}), counters = on(read_counters, {63});
   const Make port = on(ask_about_port<QnIntfGetPortIndex>, {9}), name = on(port_name);
   const Make check = on(ask_about_port<qn_cheack_intf_is_exist>, {1});
+  const Make on_bridge = on([]() -> int64_t { return QnIntfIsOnBridge("bridge0", "port0"); }, {1});
+  const Make bridge = on([]() -> int64_t { return QnBridgeIsExist("bridge0"); }, {1});
+  const Make number = on(random_number, {0x74786973}); // "sixt"
+  const Make record = make<Write>(), rotation = make<Write>(size_t{65530});
+  const Make instance = on(make_instance, {1}), permissions = on(load_permissions);
   const std::vector<Outcome> one_counter_less = {{62}, {61}, {59}, {55}, {47}, {31}};
-  const char* const no_flags = "Failed to get device made1 flags, errno:19\n";
   const char* const no_socket = "Failed to create socket, errno=24\n";
-  const char* const failed_work = "Child process work failed, errno=0\n";
-  const char* const gone =
-      " [0602] [E] [child_proc] [check_exist_pidfile] "
-      "pidfile=/tmp/quillnet//x.pid exist, but another process not exist.\n";
-  const char* const pipe_failed =
-      " [0000] [E] [child_proc] [child_proc_start] pipe failed. errno=(24,Too many open files)\n";
-  const char* const unfit = " [E] [child_proc] [child_proc_start] pipe failed. errno=(1,";
+  const char* const no_ip = "Child process work failed, errno=";
   return {
-      {"child_start", start, "pipe2", EMFILE, {{-1, {0}, 0, pipe_failed}, {-1, {0}, 0, pipe_failed}}},
-      {"child_start", start, "F_SETFL", EPERM, {{-1, {0}, 0, unfit}, {-1, {0}, 0, unfit}}},
-      {"child_start",
-       start,
-       "fork",
-       EAGAIN,
-       {{-1, {588}, 0, " [0588] [E] [child_proc] [child_proc_start] fork failed\n"}}},
+      {"child_start", start, "pipe2", EMFILE, {{-1, {0}}, {-1, {0}}}},
+      {"child_start", start, "F_SETFL", EPERM, {{-1, {0}}, {-1, {0}}}},
+      {"child_start", start, "fork", EAGAIN, {{-1, {588}}}},
       {"child_stop", stop, "write", EAGAIN, {{7}}},
       {"child_stop", stop, "read", EINTR, {{7}}}, // it goes on waiting
-      {"child_stop_staying", on(stop_staying), "read", EIO, {{-SIGTERM}}, kFail, kUntried},
-      {"child_stop", stop, "kill", ESRCH, {{7, {}, 0, " [0591] [I] [child_proc] [child_proc_stop] "}}},
-      {"start_exec",
-       program,
-       "fork",
-       ENOMEM,
-       {{-1, {592}, 0, " [0592] [E] [child_proc] [child_proc_start] fork failed\n"}}},
+      {"child_stop_staying", on(stop_child<stay>), "read", EIO, {{-SIGTERM}}, kFail, kUntried},
+      {"child_stop", stop, "kill", ESRCH, {{7}}},
+      {"start_exec", program, "fork", ENOMEM, {{-1, {592}}}},
       {"start_exec", program, "execv", ENOENT, {{255}}}, // it shows in the child's status only
-      {"stop_exec",
-       stop_exec,
-       "kill",
-       EPERM,
-       {{-SIGKILL, {}, 0, " [0594] [I] [child_proc] [proc_child_stop_exec] ready to stop name, pid="}}},
-      {"daemon",
-       daemon,
-       "fork",
-       EAGAIN,
-       {{kUntouched}, {kUntouched, {}, 0, " [0407] [I] [daemon] [daemon] 1st fork() success.\n"}}},
-      {"daemon",
-       daemon,
-       "open",
-       ENXIO,
-       {{0,
-         {},
-         0,
-         " [0000] [I] [daemon] [daemon] open(\"/dev/console\") failed. errno=(6,No such device or "}}},
-      {"daemon",
-       daemon,
-       "dup2",
-       EBUSY,
-       {{0, {}, 0, " [0000] [I] [daemon] [daemon] dup2(STDERR_FILENO) failed. errno=(16,Device or "}}},
+      {"daemon", daemon, "fork", EAGAIN, {{kUntouched}, {kUntouched}}},
+      {"daemon", daemon, "open", ENXIO, {{0, {}, 0, "open(\"/dev/console\") failed. errno=(6,"}}},
+      {"daemon", daemon, "dup2", EBUSY, {{0, {}, 0, "dup2(STDERR_FILENO) failed. errno=(16,"}}},
       {"stale_pid_file", stale, "stat", EACCES, {{0}}}, // as if there were none
-      {"stale_pid_file",
-       stale,
-       "open",
-       EACCES,
-       {{kUnchanged - 1,
-         {598},
-         0,
-         " [0598] [E] [child_proc] [check_exist_pidfile] open pidfile=/tmp/quillnet//x.pid failed.\n"},
-        {kUnchanged - 1,
-         {602, 595},
-         0,
-         " [0595] [E] [child_proc] [create_pidfile] create pidfile=/tmp/quillnet//x.pid failed.\n"}}},
-      {"stale_pid_file",
-       stale,
-       "write",
-       ENOSPC,
-       {{kGone - 1, {602, 596}, 0, " [0596] [E] [child_proc] [create_pidfile] write pid="}}},
+      {"stale_pid_file", stale, "open", EACCES, {{kUnchanged - 1, {598}}, {kUnchanged - 1, {602, 595}}}},
+      {"stale_pid_file", stale, "write", ENOSPC, {{kGone - 1, {602, 596}}}},
       {"stale_pid_file", stale, "write", 0, {{kGone - 1, {602, 596}}}, kShort},
-      {"own_pid_file", own, "read", EIO, {{0, {602}, 0, gone}}},
-      {"own_pid_file", own, "read", 0, {{0, {602}, 0, gone}}, kShort},
-      {"own_pid_file", own, "read", 0, {{0, {602}, 0, gone}}, kNothing},
-      {"own_pid_file", own, "kill", EPERM, {{0, {602}, 0, gone}}},
-      {"clean_pid_file", clean, "unlink", EBUSY, {{-1}}},
+      {"own_pid_file", own, "read", EIO, {{0, {602}}}},
+      {"own_pid_file", own, "read", 0, {{0, {602}}}, kShort},
+      {"own_pid_file", own, "kill", EPERM, {{0, {602}}}},
       {"random_key", key, "open", ENOENT, {{0}}},
       {"random_key", key, "read", EIO, {{0}, {0}, {0}, {0}}},
       {"random_key", key, "read", EINTR, {{4}, {4}, {4}, {4}}},
       {"random_key", key, "read", 0, {{0}, {0}, {0}, {0}}, kShort},
       {"random_number", number, "read", EBADF, {{0}}},
-      {"random_open", on(random_open), "open", EMFILE, {{-1}}},
       {"mac_addr", mac, "socket", EMFILE, {{-1}}},
       {"mac_addr", mac, "SIOCGIFHWADDR", ENODEV, {{-1}}},
       {"make_pair", pair, "fork", EAGAIN, {{-1, {}, 0, "Failed to fork new process, errno=11\n"}}},
-      {"make_pair", pair, "execlp", ENOENT, {{-1, {}, 0, failed_work}}},
+      {"make_pair", pair, "execlp", ENOENT, {{-1, {}, 0, no_ip}}},
       {"make_pair", pair, "waitpid", EINTR, {{2}}},
-      {"make_pair", pair, "waitpid", ECHILD, {{-1, {}, 0, "Child process work failed, errno=10\n"}}},
+      {"make_pair", pair, "waitpid", ECHILD, {{-1, {}, 0, no_ip}}},
       {"make_pair", pair, "socket", EMFILE, {{1, {}, 0, no_socket}, {1, {}, 0, no_socket}}},
-      {"make_pair",
-       pair,
-       "SIOCGIFFLAGS",
-       ENODEV,
-       {{1, {}, 0, "Failed to get device made0 flags, errno:19\n"}, {1, {}, 0, no_flags}}},
-      {"make_pair",
-       pair,
-       "SIOCSIFFLAGS",
-       EPERM,
-       {{1, {}, 0, "Failed to set tap device made0 flags, errno:1\n"},
-        {1, {}, 0, "Failed to set tap device made1 flags, errno:1\n"}}},
-      {"join_bridge",
-       join,
-       "socket",
-       EMFILE,
-       {{-1, {}, 0, "Create socket failed, errno=24.\n"},
-        {-1, {}, 0, "Interface left0 is not exist.\n"}}},
-      {"join_bridge", join, "SIOCGIFINDEX", ENODEV, {{-1, {}, 0, "Interface left0 is not exist.\n"}}},
+      {"make_pair", pair, "SIOCGIFFLAGS", ENODEV, {{1, {}, 0, "device made0 flags, errno:19\n"}, {1}}},
+      {"make_pair", pair, "SIOCSIFFLAGS", EPERM, {{1, {}, 0, "tap device made0 flags, errno:1\n"}, {1}}},
+      {"join_bridge", join, "socket", EMFILE, {{-1, {}, 0, "Create socket failed, errno=24.\n"}, {-1}}},
+      {"join_bridge", join, "SIOCGIFINDEX", ENODEV, {{-1}}},
       {"join_bridge", join, "SIOCBRADDIF", EBUSY, {{0}}}, // a port already
-      {"join_bridge",
-       join,
-       "SIOCBRADDIF",
-       EPERM,
-       {{-1, {}, 0, "Add interface left0 to bridge right0 failed, errno=1.\n"}}},
+      {"join_bridge", join, "SIOCBRADDIF", EPERM, {{-1, {}, 0, "bridge right0 failed, errno=1.\n"}}},
       {"is_exist", exists, "socket", EMFILE, {{0}}},
       {"is_exist", exists, "SIOCGIFINDEX", EIO, {{0}}},
-      {"is_up", up, "socket", EMFILE, {{0}}},
       {"is_up", up, "SIOCGIFFLAGS", EIO, {{0}}},
-      {"index", index, "socket", EMFILE, {{0}}},
       {"index", index, "SIOCGIFINDEX", EIO, {{0}}},
       {"is_veth", veth, "socket", EMFILE, {{0, {}, 0, no_socket}}},
       {"is_veth", veth, "SIOCETHTOOL", EOPNOTSUPP, {{0}}},
-      {"is_bridge_dev", bridge_dev, "socket", EMFILE, {{0, {}, 0, no_socket}}},
-      {"power",
-       power,
-       "open",
-       EACCES,
-       {{2,
-         {528},
-         0,
-         " [0528] [D] [link] [QnIntfGetPowerState] open file=/sys/class/net/port0/carrier error. "
-         "errno=13\n"}}},
-      {"power",
-       power,
-       "F_GETFL",
-       EBADF,
-       {{2, {529}, 0, " [E] [link] [QnIntfGetPowerState] Fcntl error for F_GETFL. errno=9\n"}}},
-      {"power",
-       power,
-       "F_SETFL",
-       EPERM,
-       {{2, {530}, 0, " [E] [link] [QnIntfGetPowerState] Fcntl error for F_SETFL. errno=1\n"}}},
-      {"power",
-       power,
-       "read",
-       0,
-       {{2,
-         {531},
-         0,
-         " [D] [link] [QnIntfGetPowerState] read file=/sys/class/net/port0/carrier error. errno=0\n"}},
-       kNothing},
-      {"power",
-       power,
-       "read",
-       EINVAL,
-       {{2,
-         {},
-         0,
-         " [0532] [D] [link] [QnIntfGetPowerState] file=/sys/class/net/port0/carrier state=\n"}}},
+      {"power", power, "open", EACCES, {{2, {528}, 0, "carrier error. errno=13\n"}}},
+      {"power", power, "F_GETFL", EBADF, {{2, {529}, 0, "F_GETFL. errno=9\n"}}},
+      {"power", power, "F_SETFL", EPERM, {{2, {530}, 0, "F_SETFL. errno=1\n"}}},
+      {"power", power, "read", 0, {{2, {531}, 0, "carrier error. errno=0\n"}}, kNothing},
+      {"power", power, "read", EINVAL, {{2, {}, 0, "carrier state=\n"}}},
       {"state", state, "open", ENOENT, {{QN_INTF_OPER_NOT_PRESENT}}},
       {"state", state, "read", EIO, {{QN_INTF_OPER_TESTING}}},
       {"speed", speed, "open", EMFILE, {{0}}},
-      {"speed", speed, "read", EINVAL, {{0}}},
       {"counters", counters, "open", EMFILE, one_counter_less},
-      {"counters", counters, "read", EIO, one_counter_less},
       {"counters", counters, "read", 0, one_counter_less, kNothing},
       {"port_index", port, "fopen", EMFILE, {{-1}}},
       // The first two entries are "." and "..", which are passed over in any case.
@@ -451,7 +370,17 @@ std::vector<Row> proc_net_rows() {
       {"port_name", name, "readdir", EBADF, {{-1}, {-1}, {-1}}},
       {"port_name", name, "fopen", EMFILE, {{0}, {0}, {-1}}},
       {"carrier_exists", check, "access", EACCES, {{0}}},
-      {"on_bridge", on(is_on_bridge, {1}), "access", EACCES, {{0}}},
-      {"bridge_exists", on(is_bridge, {1}), "stat", EACCES, {{0}}},
+      {"on_bridge", on_bridge, "access", EACCES, {{0}}},
+      {"bridge_exists", bridge, "stat", EACCES, {{0}}},
+      {"log_instance", instance, "malloc", ENOMEM, {{0, {0}}, {0, {524, 0}}, {0, {0, 0}}, {0, {0, 0}}}},
+      {"log_instance", instance, "open", EACCES, {{0, {451, 0, 0}}, {0, {451, 0, 0}}}},
+      {"log_permissions", permissions, "malloc", ENOMEM, permission_blocks()},
+      {"log_record", record, "write", ENOSPC, {{10}, {1000}}},
+      {"log_record", record, "write", 0, {{510}, {1005}}, kShort},
+      {"log_record", record, "fsync", EIO, {{1010}, {1010}}}, // once for each file
+      {"log_record", record, "stat", EIO, {{1010}, {1010}}},  // as if the name were another file's
+      {"log_rotation", rotation, "unlink", EACCES, {{1010}}},
+      {"log_rotation", rotation, "open", EMFILE, {{10, {451}}}},
+      {"log_rotation", rotation, "stat", EIO, {{1010}, {1010}, {1010}}},
   };
 }

@@ -1,17 +1,27 @@
-// Log files: where records go, rotation at each role's limit, and what a failing file system changes.
+// Log files: where records go, rotation, other processes, threads and forks beside them, failing file
+// systems.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <quillcore/log.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cstring>
+#include <map>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "core/log.h"
 #include "log/local_writer.h"
+#include "log/permission.h"
 #include "log/rolling_file.h"
+#include "platform/standard_streams.h"
 #include "support/capture.h"
 #include "support/own_namespace.h"
 #include "support/temp_dir.h"
@@ -19,254 +29,357 @@
 namespace {
 
 const std::string kDir = "/tmp/quillnet/log/";
+constexpr int kFlags = O_RDWR | O_CREAT | O_TRUNC;
+constexpr uint32_t kRelay = 5; // the smallest limit
+constexpr size_t kRelayLimit = 65536;
 
 bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
-constexpr int kFlags = O_RDWR | O_CREAT | O_TRUNC;
+// --- one file ---
 
-TEST(RollingFile, MakesItsDirectoryAndMovesItselfAside) {
-  const StderrCapture capture;
-  const TempDir temp;
-  const std::string dir = temp.file("a/b");
-  qn_file_t* const file = qn_file_open(dir.c_str(), "live", kFlags, 0660);
-  ASSERT_NE(nullptr, file);
+class RollingFile : public testing::Test {
+ protected:
+  ~RollingFile() override { qn_file_close(file_); }
+
+  qn_file_t* open(int flags = kFlags) { return qn_file_open(dir_.c_str(), "live", flags, 0660); }
+  std::string live() const { return read_file(dir_ + "/live"); }
+  std::string backup() const { return read_file(dir_ + "/backup"); }
+  int32_t move() { return qn_file_rename_and_reopen(file_, dir_.c_str(), "backup"); }
+
+  StderrCapture capture_;
+  const TempDir temp_;
+  const std::string dir_ = temp_.file("a/b");
+  qn_file_t* const file_ = open();
+};
+
+TEST_F(RollingFile, MakesItsDirectoryAndMovesItselfAside) {
+  ASSERT_NE(nullptr, file_);
   struct stat status;
-  ASSERT_EQ(0, stat(dir.c_str(), &status));
+  ASSERT_EQ(0, stat(dir_.c_str(), &status));
   EXPECT_EQ(0750u, status.st_mode & 0777);
-  EXPECT_GT(file->fd, 2);
-  EXPECT_EQ(FD_CLOEXEC, fcntl(file->fd, F_GETFD));
-
-  for (const char* const content : {"first", "second"}) {
-    EXPECT_EQ(0, qn_file_write(file, content, strlen(content)));
-    EXPECT_EQ(static_cast<off_t>(strlen(content)), file->st.st_size);
-    EXPECT_EQ(strlen(content), file->written);
-    EXPECT_EQ(0, qn_file_rename_and_reopen(file, dir.c_str(), "backup"));
-    EXPECT_EQ(content, read_file(dir + "/backup")) << "a later backup replaces the earlier one";
-    EXPECT_EQ(0, file->st.st_size);
-    EXPECT_EQ(0u, file->written);
+  EXPECT_EQ(FD_CLOEXEC, fcntl(file_->fd, F_GETFD));
+  for (const std::string content : {"first", "second"}) {
+    EXPECT_EQ(0, qn_file_write(file_, content.c_str(), content.size()));
+    EXPECT_EQ(static_cast<off_t>(content.size()), file_->st.st_size);
+    EXPECT_EQ(content.size(), file_->written);
+    EXPECT_EQ(0, move());
+    EXPECT_EQ(content, backup()) << "a later backup replaces the earlier one";
+    EXPECT_EQ(0, file_->st.st_size);
+    EXPECT_EQ(0u, file_->written);
   }
-  EXPECT_EQ("", capture.text());
-  qn_file_close(file);
+  write_file(dir_ + "/live", "written elsewhere");
+  qn_file_sync(file_);
+  EXPECT_EQ(17, file_->st.st_size);
 }
 
-TEST(RollingFile, ReportsWhatItCannotOpenOrMove) {
-  const StderrCapture capture;
-  const TempDir temp;
-  const std::string& dir = temp.path();
-  write_file(temp.file("plain"), "x");
+TEST_F(RollingFile, ReportsWhatItCannotOpenOrMove) {
   const struct {
     std::string path, name;
     std::vector<uint32_t> logids;
   } rows[] = {
-      {temp.file("plain/below"), "f", {455}},
-      {temp.file(std::string(120, 'd')), "f", {}},
-      {dir, std::string(128, 'f'), {453}},
-      {dir + "/" + std::string(600, '/'), "f", {452}},
-      {dir + "/none", "", {451}},
+      {dir_ + "/live/below", "f", {455}},   {temp_.file(std::string(120, 'd')), "f", {}},
+      {dir_, std::string(128, 'f'), {453}}, {dir_ + "/" + std::string(600, '/'), "f", {452}},
+      {dir_ + "/none", "", {451}},
   };
   for (const auto& row : rows) {
+    capture_.clear();
     EXPECT_EQ(nullptr, qn_file_open(row.path.c_str(), row.name.c_str(), O_RDWR, 0660));
-    std::vector<uint32_t> logids;
-    for (const Record& record : capture.records()) {
-      if (record.module == "qn_file") logids.push_back(record.logid);
-    }
+    std::vector<uint32_t> logids = capture_.logids();
+    std::erase_if(logids, [](uint32_t logid) { return logid > 500; }); // the heap's
     EXPECT_EQ(row.logids, logids) << row.path;
-    const_cast<StderrCapture&>(capture).clear();
   }
+  EXPECT_EQ(nullptr, qn_file_open(nullptr, "f", O_RDWR, 0660));
+  EXPECT_EQ(nullptr, qn_file_open(dir_.c_str(), nullptr, O_RDWR, 0660));
 
-  qn_file_t* const file = qn_file_open(dir.c_str(), "live", kFlags, 0660);
-  ASSERT_NE(nullptr, file);
-  qn_file_write(file, "gone", 4);
-  mkdir(temp.file("backup").c_str(), 0755); // rename() cannot replace a folder
-  EXPECT_EQ(0, qn_file_rename_and_reopen(file, dir.c_str(), "backup"));
-  EXPECT_EQ("rename failed. old filename=" + temp.file("live"), capture.records(456).at(0).text);
-  EXPECT_EQ("rename failed. new filename=" + temp.file("backup"), capture.records(457).at(0).text);
-  EXPECT_EQ("", read_file(temp.file("live"))) << "a new file took its place";
-
-  file->flags = O_RDWR; // so that the reopening fails
-  EXPECT_EQ(-1, qn_file_rename_and_reopen(file, dir.c_str(), "elsewhere"));
-  EXPECT_EQ(QN_FILE_CLOSED, qn_file_write(file, "x", 1));
-  EXPECT_EQ(0u, file->written);
+  qn_file_write(file_, "gone", 4);
+  mkdir((dir_ + "/backup").c_str(), 0755); // rename() cannot replace a folder
+  EXPECT_EQ(0, move());
+  EXPECT_EQ(1u, capture_.records(456).size() * capture_.records(457).size());
+  EXPECT_EQ("", live()) << "a new file took its place";
+  file_->flags = O_RDWR; // so that the reopening fails
+  rmdir((dir_ + "/backup").c_str());
+  EXPECT_EQ(-1, move());
+  EXPECT_EQ(QN_FILE_CLOSED, qn_file_write(file_, "x", 1));
+  EXPECT_EQ(0u, file_->written);
   EXPECT_EQ(QN_FILE_CLOSED, qn_file_write(nullptr, "x", 1));
-  qn_file_close(file);
+  EXPECT_EQ(-2, qn_file_open_file(nullptr));
+  EXPECT_EQ(-1, qn_file_rename_and_reopen(nullptr, dir_.c_str(), "backup"));
 }
 
 // Two records of one file stand for a daemon and its child, which have it open by themselves.
-TEST(RollingFile, FollowsItsNameWhenAnotherProcessHasMovedItAside) {
-  const TempDir temp;
-  const std::string& dir = temp.path();
-  qn_file_t* const mover = qn_file_open(dir.c_str(), "live", kFlags, 0660);
-  qn_file_t* const file = qn_file_open(dir.c_str(), "live", kFlags & ~O_TRUNC, 0660);
-  ASSERT_TRUE(mover != nullptr && file != nullptr);
-  const auto move = [&] { EXPECT_EQ(0, qn_file_rename_and_reopen(mover, dir.c_str(), "backup")); };
+TEST_F(RollingFile, FollowsItsNameWhenAnotherProcessHasMovedItAside) {
+  qn_file_t* const other = open(kFlags & ~O_TRUNC);
   const auto put = [](qn_file_t* to, const char* text) { EXPECT_EQ(0, qn_file_write(to, text, 1)); };
+  put(other, "1"), put(file_, "a"), move(), put(other, "2");
+  EXPECT_EQ("1a2", backup());
+  put(file_, "b"), put(other, "3"), put(file_, "c");
+  EXPECT_EQ("b3c", live());
+  move(), move(), put(other, "4");
+  EXPECT_EQ("4", live()) << "its file was gone with the older backup";
+  EXPECT_EQ(1u, other->written);
 
-  put(file, "1"), put(mover, "a"), move(), put(file, "2");
-  EXPECT_EQ("1a2", read_file(temp.file("backup")));
-  put(mover, "b"), put(file, "3"), put(mover, "c");
-  EXPECT_EQ("b3c", read_file(temp.file("live")));
-  move(), move(), put(file, "4");
-  EXPECT_EQ("4", read_file(temp.file("live"))) << "its file was gone with the older backup";
-  EXPECT_EQ(1u, file->written);
-
-  EXPECT_TRUE(qn::file_would_reach(*file, 1, 2));
+  EXPECT_TRUE(qn::file_would_reach(*other, 1, 2));
   move();
-  EXPECT_FALSE(qn::file_would_reach(*file, 1, 2)) << "the full file is another's to move no more";
-  put(file, "5");
-  EXPECT_EQ("5", read_file(temp.file("live")));
-  unlink(temp.file("live").c_str());
-  put(file, "6");
-  EXPECT_EQ("6", read_file(temp.file("live"))) << "and one that was removed is made anew";
-  qn_file_close(file);
-  qn_file_close(mover);
+  EXPECT_FALSE(qn::file_would_reach(*other, 1, 2)) << "the full file is another's to move no more";
+  put(other, "5");
+  EXPECT_EQ("5", live());
+  unlink((dir_ + "/live").c_str());
+  put(other, "6");
+  EXPECT_EQ("6", live()) << "one that was removed is made anew";
+  qn_file_close(other);
 }
 
-TEST(RollingFile, IsNotReachedByAnothersLink) {
-  const StderrCapture capture;
-  const TempDir temp;
-  write_file(temp.file("victim"), "victim");
+TEST_F(RollingFile, IsNotReachedByAnothersLink) {
+  write_file(dir_ + "/victim", "victim");
   for (const uid_t owner : {getuid(), uid_t{4711}}) {
-    unlink(temp.file("live").c_str());
-    ASSERT_EQ(0, symlink("victim", temp.file("live").c_str()));
-    ASSERT_EQ(0, lchown(temp.file("live").c_str(), owner, owner)) << "this takes root";
-    qn_file_t* const file = qn_file_open(temp.path().c_str(), "live", kFlags & ~O_TRUNC, 0660);
+    unlink((dir_ + "/live").c_str());
+    ASSERT_EQ(0, symlink("victim", (dir_ + "/live").c_str()));
+    ASSERT_EQ(0, lchown((dir_ + "/live").c_str(), owner, owner)) << "this takes root";
+    qn_file_t* const file = open(O_RDWR | O_CREAT | O_APPEND);
     EXPECT_EQ(owner == getuid(), file != nullptr);
-    if (file != nullptr) qn_file_close(file);
+    qn_file_close(file);
   }
-  EXPECT_EQ(1u, capture.records(451).size());
-  EXPECT_EQ("victim", read_file(temp.file("victim")));
+  EXPECT_EQ(1u, capture_.records(451).size());
+  EXPECT_EQ("victim", read_file(dir_ + "/victim"));
 }
 
-TEST(LocalWriter, MakesInstancesFromConfigWordAndRole) {
-  in_own_namespace([] {
-    StderrCapture capture;
-    for (const uint32_t word : {7u, 15u, 0x87u, 0x8Fu}) EXPECT_EQ(nullptr, qn_log_local_new(word, 2, 0));
-    EXPECT_FALSE(exists(kDir));
-    qn_log_t* const bare = qn_log_local_new(0x86, 2, 0);
-    ASSERT_NE(nullptr, bare);
-    EXPECT_FALSE(exists(kDir));
-    qn_log_free(bare);
-    for (const uint32_t role : {0u, 10u, 11u, 1000u}) {
-      qn_log_t* const log = qn_log_local_new(0xFFFFFF70u, role, 0);
-      ASSERT_NE(nullptr, log);
-      EXPECT_EQ(10u, log->role);
-      qn_log_free(log);
-    }
-    EXPECT_TRUE(exists(kDir + "nil_0.log.txt") && exists(kDir + "nil_error_0.log.txt"));
-    EXPECT_EQ(nullptr, qn_log_client_new());
-    capture.release();
-  });
-}
+// --- a role's two files ---
 
 // A text of `size` bytes through the instance's writer; its level decides about the second file.
 void write_bytes(qn_log_t* log, uint32_t level, size_t size) {
   const std::string line(size, 'x');
-  log->local_writer->write(log, level, line.c_str(), line.size());
+  EXPECT_EQ(0, log->local_writer->write(log, level, line.c_str(), line.size()));
 }
 
-TEST(LocalWriter, SendsErrorsToTheSecondFileToo) {
+TEST(LocalWriter, MakesInstancesAndSendsErrorsToTheSecondFileToo) {
   in_own_namespace([] {
-    StderrCapture capture;
-    qn_log_t* const log = qn_log_local_new(0, 2, 0);
-    size_t all = 0, errors = 0;
-    for (const uint32_t level : {1u, 2u, 3u, 4u, 5u, 6u, 64u}) {
-      write_bytes(log, level, level);
-      all += level;
-      if (level == 1 || level == 2 || level == 6) errors += level;
+    const StderrCapture capture;
+    for (const uint32_t word : {7u, 15u, 0x87u, 0x8Fu}) EXPECT_EQ(nullptr, qn_log_local_new(word, 2, 0));
+    qn_log_t* const bare = qn_log_local_new(0x86, 2, 0);
+    EXPECT_TRUE(bare != nullptr && bare->local_writer == nullptr && !exists(kDir));
+    qn_log_free(bare);
+    for (const uint32_t role : {0u, 10u, 1000u, 9u}) {
+      qn_log_t* const log = qn_log_local_new(0xFFFFFF76u, role, 0);
+      ASSERT_NE(nullptr, log);
+      EXPECT_EQ(role == 9 ? 9u : 10u, log->role);
+      EXPECT_EQ(1u, log->active);
+      for (const uint32_t level : {1u, 2u, 3u, 4u, 5u, 6u, 64u}) write_bytes(log, level, level);
+      const std::string front = kDir + qn::qn_log_role_table[log->role].name;
+      EXPECT_EQ(85u, read_file(front + "_0.log.txt").size());
+      EXPECT_EQ(9u, read_file(front + "_error_0.log.txt").size()) << "levels 1, 2 and 6";
+      log->local_writer->flush(log);
+      qn_log_free(log);
     }
-    EXPECT_EQ(all, read_file(kDir + "hubd_0.log.txt").size());
-    EXPECT_EQ(errors, read_file(kDir + "hubd_error_0.log.txt").size());
-    qn_log_free(log);
-    capture.release();
+    EXPECT_EQ(nullptr, qn_log_client_new());
   });
 }
 
 TEST(LocalWriter, RotatesAtTheLimitOfEachRole) {
-  const struct {
-    uint32_t role;
-    const char* name;
-    size_t limit;
-  } rows[] = {
-      {QN_LOG_ROLE_QNTTY, "qntty", 65536},
-      {QN_LOG_ROLE_HUBD, "hubd", 1572864},
-      {QN_LOG_ROLE_LEAFD, "leafd", 1572864},
-      {QN_LOG_ROLE_ADMD, "admd", 1048576},
-      {QN_LOG_ROLE_RELAY, "relay", 65536},
-      {QN_LOG_ROLE_ARCD, "arcd", 524288},
-      {QN_LOG_ROLE_ARC_TTY, "arc_tty", 65536},
-      {QN_LOG_ROLE_LIB_CALL, "lib_call", 131072},
-      {QN_LOG_ROLE_NW_LIB_CALL, "nw_lib_call", 65536},
-      {QN_LOG_ROLE_NIL, "nil", 1048576},
-  };
+  const size_t limits[] = {0,      65536, 1572864, 1572864, 1048576, 65536,
+                           524288, 65536, 131072,  65536,   1048576};
   in_own_namespace([&] {
-    StderrCapture capture;
-    for (const auto& row : rows) {
-      SCOPED_TRACE(row.name);
-      const std::string live = kDir + row.name + "_0.log.txt", backup = kDir + row.name + "_1.log.txt";
-      const std::string live_error = kDir + row.name + "_error_0.log.txt";
-      mkdir("/tmp/quillnet", 0755), mkdir(kDir.c_str(), 0755);
-      write_file(live, std::string(row.limit - 4, 'o'));
-      qn_log_t* const log = qn_log_local_new(0, row.role, 1);
-      ASSERT_NE(nullptr, log);
+    const StderrCapture capture;
+    qn_log_free(qn_log_local_new(0, 1, 0)); // makes the folder
+    for (uint32_t role = 1; role <= 10; role++) {
+      const std::string front = kDir + qn::qn_log_role_table[role].name, live = front + "_0.log.txt";
+      SCOPED_TRACE(front);
+      write_file(live, std::string(limits[role] - 4, 'o'));
+      qn_log_t* const log = qn_log_local_new(0, role, 1);
       write_bytes(log, QN_LOG_I, 3);
-      EXPECT_FALSE(exists(backup));
-      EXPECT_EQ(row.limit - 1, read_file(live).size());
+      EXPECT_EQ(limits[role] - 1, read_file(live).size());
       write_bytes(log, QN_LOG_E, 1);
-      EXPECT_EQ(row.limit - 1, read_file(backup).size());
+      EXPECT_EQ(limits[role] - 1, read_file(front + "_1.log.txt").size());
       EXPECT_EQ("x", read_file(live)) << "the record that made it rotate comes first";
-      EXPECT_EQ("x", read_file(live_error)) << "the other file rotates by itself";
+      EXPECT_EQ("x", read_file(front + "_error_0.log.txt")) << "the other file rotates by itself";
       qn_log_free(log);
-
-      qn_log_free(qn_log_local_new(0, row.role, 0));
+      qn_log_free(qn_log_local_new(0, role, 0));
       EXPECT_EQ("", read_file(live));
-      EXPECT_EQ(row.limit - 1, read_file(backup).size()) << "a backup survives a start";
+      EXPECT_TRUE(exists(front + "_1.log.txt")) << "a backup survives a start";
     }
-    capture.release();
   });
 }
 
 TEST(LocalWriter, GoesOnWhenAFileFails) {
   in_own_namespace([] {
-    StderrCapture capture;
+    const StderrCapture capture;
     mkdir("/tmp/quillnet", 0755), mkdir(kDir.c_str(), 0755);
     ASSERT_EQ(0, mount("tmpfs", kDir.c_str(), "tmpfs", 0, "size=16k"));
     qn_log_t* const log = qn_log_local_new(0, 2, 0);
-    for (int i = 0; i < 10; i++) {
-      EXPECT_EQ(0, log->local_writer->write(log, QN_LOG_I, std::string(4096, 'x').c_str(), 4096))
-          << "a full disk is nobody's failure";
-    }
-    EXPECT_LE(read_file(kDir + "hubd_0.log.txt").size(), 16384u);
-
+    for (int i = 0; i < 10; i++) write_bytes(log, QN_LOG_I, 4096); // a full disk is nobody's failure
     ASSERT_EQ(0, truncate((kDir + "hubd_0.log.txt").c_str(), 0));
 
-    qn_log_local_writer_t& writer = *reinterpret_cast<qn_log_local_writer_t*>(log->local_writer);
+    auto& writer = *reinterpret_cast<qn_log_local_writer_t*>(log->local_writer);
     writer.file->st.st_size = 1572864; // due to rotate
     writer.file->flags = O_RDWR;       // and not able to start afresh
-    EXPECT_EQ(0, log->local_writer->write(log, QN_LOG_E, "error\n", 6));
+    write_bytes(log, QN_LOG_E, 1);
     EXPECT_EQ(-1, writer.file->fd);
-    EXPECT_EQ("error\n", read_file(kDir + "hubd_error_0.log.txt")) << "the other file goes on";
+    EXPECT_EQ("x", read_file(kDir + "hubd_error_0.log.txt")) << "the other file goes on";
     writer.file->flags = kFlags;
     writer.file->st.st_size = 1572864;
-    EXPECT_EQ(0, log->local_writer->write(log, QN_LOG_I, "back\n", 5));
-    EXPECT_EQ("back\n", read_file(kDir + "hubd_0.log.txt")) << "a later rotation repairs it";
+    write_bytes(log, QN_LOG_I, 2);
+    EXPECT_EQ("xx", read_file(kDir + "hubd_0.log.txt")) << "a later rotation repairs it";
     qn_log_free(log);
-    umount(kDir.c_str());
-    capture.release();
   });
 }
 
-TEST(LocalWriter, KeepsItsDescriptorsAboveTheStandardStreams) {
-  in_own_namespace([] {
-    StderrCapture capture;
-    close(STDIN_FILENO);
-    qn_log_t* const log = qn_log_local_new(0, 2, 0);
-    ASSERT_NE(nullptr, log);
-    const auto& writer = *reinterpret_cast<qn_log_local_writer_t*>(log->local_writer);
-    EXPECT_GT(writer.file->fd, 2);
-    EXPECT_GT(writer.error_file->fd, 2);
-    EXPECT_EQ(-1, fcntl(STDIN_FILENO, F_GETFD)) << "nothing of the log stays there";
-    qn_log_free(log);
-    capture.release();
+// --- threads and forks ---
+
+void with_singleton(int64_t config_word, const std::function<void()>& body) {
+  in_own_namespace([&] {
+    alarm(120); // for what hangs
+    const StderrCapture capture;
+    if (config_word >= 0)
+      EXPECT_EQ(0, qn_log_new_singleton_instance(static_cast<uint32_t>(config_word), kRelay, 0));
+    body();
+    qn_log_free_singleton_instance();
+  });
+}
+
+void log_numbered(int thread, int number) {
+  qn_log_core_adpater(QN_LOG_G, 1, "m", 1, 1, "b", "thread=%d number=%d.", thread, number);
+}
+
+// Every record of a file in order of each thread, without a gap inside the file and with none torn.
+void expect_records_in_order(const std::string& path, std::map<int, int>* last) {
+  std::istringstream lines(read_file(path));
+  for (std::string line; std::getline(lines, line);) {
+    int thread = 0, number = 0;
+    ASSERT_EQ(2, sscanf(line.c_str(), "%*[^]]] [G] [m] [b] thread=%d number=%d.", &thread, &number))
+        << line;
+    EXPECT_EQ(last->contains(thread) ? (*last)[thread] + 1 : number, number) << "thread " << thread;
+    (*last)[thread] = number;
+  }
+}
+
+TEST(LogThreads, LoseAndTearNothingWhileFilesRotate) {
+  constexpr int kThreads = 8, kRecords = 600; // about five files' worth
+  with_singleton(0, [] {
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < kThreads; thread++) {
+      threads.emplace_back([thread] {
+        for (int number = 0; number < kRecords; number++) log_numbered(thread, number);
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    std::map<int, int> last;
+    expect_records_in_order(kDir + "relay_1.log.txt", &last);
+    expect_records_in_order(kDir + "relay_0.log.txt", &last);
+    // A thread that was done early may have gone with a replaced backup; one that is there is there
+    // whole.
+    EXPECT_FALSE(last.empty());
+    for (const auto& [thread, number] : last) EXPECT_EQ(kRecords - 1, number) << "thread " << thread;
+    EXPECT_LT(read_file(kDir + "relay_1.log.txt").size(), kRelayLimit + kThreads * 1023);
+  });
+}
+
+// A change waits for standard error, and whoever forks must not wait for the change.
+TEST(LogThreads, MayForkWhileAChangeCannotPrint) {
+  for (const uint8_t reset : {uint8_t{0}, uint8_t{1}}) {
+    with_singleton(0, [reset] {
+      int ends[2];
+      ASSERT_EQ(0, pipe2(ends, O_CLOEXEC | O_NONBLOCK));
+      while (write(ends[1], "x", 1) == 1) continue;
+      ASSERT_EQ(0, fcntl(ends[1], F_SETFL, 0));
+      ASSERT_EQ(0, fcntl(ends[0], F_SETFL, 0));
+      const int kept = dup(STDERR_FILENO);
+      dup2(ends[1], STDERR_FILENO);
+      std::atomic<pid_t> changer{0};
+      std::thread thread([&] {
+        changer = gettid();
+        const qn_log_permit_config_t change = {"relay", "D", "", 0, "", "", "", reset, 1};
+        qn_log_set_log_permit_config(&change);
+      });
+      while (changer == 0) continue;
+      const std::string state = "/proc/self/task/" + std::to_string(changer) + "/stat";
+      while (read_file(state).find(") S ") == std::string::npos) continue;
+      const pid_t child = fork();
+      if (child == 0) _exit(0);
+      EXPECT_EQ(child, waitpid(child, nullptr, 0));
+      dup2(kept, STDERR_FILENO);
+      close(ends[1]);
+      char bytes[4096];
+      while (read(ends[0], bytes, sizeof(bytes)) > 0) continue;
+      thread.join();
+      close(ends[0]);
+      close(kept);
+    });
+  }
+}
+
+// The locks that a fork must take.
+std::vector<pthread_mutex_t*> g_locks;
+int g_held_in_fork;
+
+int take_note(pthread_mutex_t* lock) {
+  g_locks.push_back(lock);
+  return 0;
+}
+
+int count_held() {
+  int held = 0;
+  for (pthread_mutex_t* lock : g_locks)
+    pthread_mutex_trylock(lock) == 0 ? pthread_mutex_unlock(lock) : held++;
+  return held;
+}
+
+// Arranged before the library's own handlers, so this one looks when all of those have taken their locks.
+__attribute__((constructor(101))) void arrange() {
+  pthread_atfork([] { g_held_in_fork = count_held(); }, nullptr, nullptr);
+}
+
+// Only the thread that forked goes on in a child: a lock that another one held would stay locked there.
+TEST(LogThreads, FindTheirLocksTakenByAForkAndFreeOnBothSides) {
+  with_singleton(0, [] {
+    auto& writer = *reinterpret_cast<qn_log_local_writer_t*>(qn::qn_log_singleton_get()->local_writer);
+    g_locks = {&qn::permission_change_lock(), &writer.file_lock,
+               &writer.error_file_lock,       &writer.file->lock,
+               &writer.error_file->lock,      &qn::g_standard_streams_lock};
+    qn::permission_maps_each_lock(take_note);
+    const pid_t child = fork();
+    if (child == 0) _exit(count_held());
+    int status = -1;
+    EXPECT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(0, status);
+    EXPECT_EQ(0, count_held());
+    EXPECT_EQ(9, g_held_in_fork);
+    g_locks.clear();
+  });
+}
+
+// Also before there is an instance, and with one that has no files.
+class BusyLog : public testing::TestWithParam<int64_t> {};
+INSTANTIATE_TEST_SUITE_P(Instance, BusyLog, testing::Values(-1, 0, 0x80));
+
+TEST_P(BusyLog, MayBeLoggedToForkedAndChangedAtOnce) {
+  with_singleton(GetParam(), [] {
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 3; thread++) {
+      threads.emplace_back([&stop, thread] {
+        for (int number = 0; !stop; number++) {
+          log_numbered(thread, number);
+          qn_log_core_adpater(QN_LOG_D, 1, "m", 1, 1, "walk", "text");
+        }
+      });
+    }
+    threads.emplace_back([&stop] {
+      qn_log_permit_config_t change = {"relay", "W", "on", 1, "walk", "", "on", 0, 1 + 2 + 4 + 16};
+      for (int i = 0; !stop; i++) {
+        change.reset = i % 10 == 9;
+        qn_log_set_log_permit_config(&change);
+      }
+    });
+    for (int i = 0; i < 50; i++) {
+      const pid_t child = fork();
+      if (child == 0) {
+        log_numbered(99, i);
+        qn_log_println(QN_LOG_E, 1, "m", "b", "child");
+        _exit(0);
+      }
+      EXPECT_EQ(child, waitpid(child, nullptr, 0));
+    }
+    stop = true;
+    for (std::thread& thread : threads) thread.join();
   });
 }
 

@@ -1,5 +1,1 @@
-quill_test(log_test
-  log/files_test.cc
-  log/gate_test.cc
-  log/permission_test.cc
-  log/threads_test.cc)
+quill_test(log_test log/files_test.cc log/permission_test.cc)
