@@ -18,10 +18,7 @@ using namespace shim;
 
 qn_cycle_t g_cycle = {}; // a base only stores the pointer
 
-struct BaseFree {
-  void operator()(qn_ev_base_t* base) const { qn_ev_base_free(base); }
-};
-using BasePtr = std::unique_ptr<qn_ev_base_t, BaseFree>;
+using BasePtr = std::unique_ptr<qn_ev_base_t, FreeBy<qn_ev_base_free>>;
 
 // A second event of its descriptor. Result 1 when it is registered.
 struct Watch : Operation {

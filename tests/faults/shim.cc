@@ -17,7 +17,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <map>
-#include <memory>
 #include <new>
 #include <vector>
 
@@ -42,7 +41,6 @@ const pid_t g_self = getpid();
 
 thread_local bool t_spared = false;
 std::atomic<int> g_blocks{0};
-std::atomic<int> g_threads{0};
 std::atomic<int> g_bad_closes{0};
 std::atomic<int> g_inherited{0};
 
@@ -75,18 +73,6 @@ ssize_t transfer(std::string_view call, size_t size, Real real) {
 void* add_block(void* block) {
   g_blocks += block != nullptr;
   return block;
-}
-
-struct Start {
-  void* (*routine)(void*);
-  void* argument;
-};
-
-void* run_thread(void* argument) {
-  const Start start = *std::unique_ptr<Start>(static_cast<Start*>(argument));
-  void* const result = start.routine(start.argument);
-  g_threads--;
-  return result;
 }
 
 } // namespace
@@ -273,19 +259,9 @@ WRAP(int, pthread_attr_destroy, (Attributes attributes)) {
 }
 
 using Routine = void* (*)(void*);
-WRAP(int, pthread_create,
-     (pthread_t * thread, const pthread_attr_t* how, Routine routine, void* argument)) {
-  if (hit("pthread_create")) return errno;
-  auto start = std::make_unique<Start>(Start{routine, argument});
-  g_threads++;
-  const int error = __real_pthread_create(thread, how, run_thread, start.get());
-  if (error == 0) {
-    start.release(); // now the thread's
-  } else {
-    g_threads--;
-  }
-  return error;
-}
+WRAP_PLAIN("pthread_create", errno, int, pthread_create,
+           (pthread_t * thread, const pthread_attr_t* how, Routine routine, void* argument),
+           (thread, how, routine, argument))
 
 namespace shim {
 
@@ -303,13 +279,8 @@ bool fired() { return state().fired; }
 
 void spare(bool on) { t_spared = on; }
 
-int threads_running() { return g_threads; }
-
 std::map<std::string_view, int> tally() {
-  return {{"heap blocks", g_blocks},
-          {"bad closes", g_bad_closes},
-          {"inherited", g_inherited},
-          {"threads", g_threads}};
+  return {{"heap blocks", g_blocks}, {"bad closes", g_bad_closes}, {"inherited", g_inherited}};
 }
 
 } // namespace shim

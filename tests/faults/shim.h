@@ -33,11 +33,9 @@ bool fired(); // whether the n-th call has been made since arm(); any thread may
 
 void spare(bool on); // the calls of this thread are not counted while it is on
 
-int threads_running(); // threads whose routine has not returned
-
 // What must be as before when an operation is gone: heap blocks from the wrapped functions, less those
-// that were freed; calls of close() on a number that was not open; descriptors that are not
-// close-on-exec; threads.
+// that were freed; calls of close() on a number that was not open; descriptors that a program started at
+// any moment would get.
 std::map<std::string_view, int> tally();
 
 } // namespace shim

@@ -6,7 +6,7 @@
 // call that leaves under another name cannot empty the table in silence.
 //
 // After each n the driver compares result and records, lets the operation check its out arguments and
-// whether its object still works, and counts descriptors, closes, children, threads and heap blocks.
+// whether its object still works, and counts descriptors, closes, children and heap blocks.
 #ifndef TESTS_FAULTS_TABLE_H
 #define TESTS_FAULTS_TABLE_H
 
