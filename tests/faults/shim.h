@@ -1,6 +1,6 @@
 // Makes the n-th call of one libc function fail, and counts what must not be lost.
 //
-// The program is linked with --wrap for the functions listed in tests.cmake, so that the calls of the
+// The program is linked with --wrap for the functions listed in CMakeLists.txt, so that the calls of the
 // library and of the tests come through the shim; calls inside libc do not. One fault is armed at a time.
 // It counts the calls of all threads but the spared ones, and those of a child before its execv().
 #ifndef TESTS_FAULTS_SHIM_H

@@ -1,1 +1,0 @@
-quill_test(log_test log/files_test.cc log/permission_test.cc)

@@ -1,1 +1,0 @@
-quill_test(net_test net/net_test.cc)

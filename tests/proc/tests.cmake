@@ -1,1 +1,0 @@
-quill_test(proc_test proc/proc_test.cc)
