@@ -18,7 +18,6 @@
 
 namespace {
 
-using qn::ErrorText;
 using qn::Message;
 
 constexpr char kModule[] = "conf";
