@@ -1,7 +1,6 @@
 // Event base, dispatch of one request, and a running service.
 #include <gtest/gtest.h>
 #include <quillcore/service.h>
-#include <quillcore/socket.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -39,14 +38,6 @@ struct Watch : Operation {
   qn::UniqueFd fd{eventfd(0, EFD_CLOEXEC)};
   BasePtr base{qn_ev_base_new(&g_cycle)};
   qn_event_t* event = nullptr;
-};
-
-struct Connect : Operation {
-  Connect() { undisturbed = {-1, {549}, ECONNREFUSED}; }
-  int64_t run() override {
-    int32_t fd = -1;
-    return qn_sock_connect_unix_socket_server("/dev/null", &fd);
-  }
 };
 
 // Events that are ready, then one that ends the loop. Result: how many of the first kind were called.
@@ -186,14 +177,11 @@ std::vector<Row> service_rows() {
       {"dispatch", dispatch, "write", 0, {{0}}, kShort},
       {"dispatch", dispatch, "write", 0, {{-1, {565}}}, kNothing},
 
-      {"connect", make<Connect>(), "socket", EMFILE, {{-1, {548}}}},
       {"service", serve, "posix_memalign", ENOMEM, {{-2, {526, 414}}}},
       {"service", serve, "pthread_create", EAGAIN, {{-1, {605}}}},
       {"service", serve, "pthread_attr_init", ENOMEM, {{2, {603}}}},
       {"service", serve, "epoll_create1", EMFILE, {{0, {433, 582}}}},
-      {"service", serve, "socket", EMFILE, {{0, {540, 580, 584}}}},
       {"service", serve, "bind", EADDRINUSE, {{0, {541, 580, 584}}}},
-      {"service", serve, "listen", EADDRINUSE, {{0, {542, 580, 584}}}},
       {"service", serve, "epoll_wait", EBADF, {{0, {422, 438}}}, kFail, kUntried},
       {"service", serve, "EPOLL_CTL_ADD", ENOSPC, {{0, {584}}, one_closed, one_closed}, kFail, kUntried},
       // A connection that could not be taken waits for the next one.
