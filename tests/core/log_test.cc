@@ -122,6 +122,7 @@ TEST(Log, PrintsEverythingUngatedBeforeThereIsAnInstance) {
   qn_log_dump_macaddr_adpater(QN_LOG_I, 12, "m", 1, "b", nullptr, mac);
   EXPECT_EQ((std::vector<uint32_t>{1, 2, 4, 7, 8, 9, 11, 12}), capture.logids());
   EXPECT_EQ("[why] f", capture.records(8)[0].text);
+  EXPECT_EQ("[why] f", capture.records(9)[0].text);
   EXPECT_EQ("wan=0A:1B:**:**:4E:FF.", capture.records(11)[0].text);
   EXPECT_EQ("MAC=0A:1B:**:**:4E:FF.", capture.records(12)[0].text);
 }

@@ -98,6 +98,9 @@ TEST_F(RollingFile, ReportsWhatItCannotOpenOrMove) {
   EXPECT_EQ("", live()) << "a new file took its place";
   file_->flags = O_RDWR; // so that the reopening fails
   rmdir((dir_ + "/backup").c_str());
+  rename((dir_ + "/live").c_str(), (dir_ + "/aside").c_str());
+  EXPECT_EQ(-1, qn_file_open_file(file_));
+  EXPECT_EQ(-1, file_->fd) << "what was open is closed first";
   EXPECT_EQ(-1, move());
   EXPECT_EQ(QN_FILE_CLOSED, qn_file_write(file_, "x", 1));
   EXPECT_EQ(0u, file_->written);
@@ -167,7 +170,10 @@ TEST(LocalWriter, MakesInstancesAndSendsErrorsToTheSecondFileToo) {
       const std::string front = kDir + qn::qn_log_role_table[log->role].name;
       EXPECT_EQ(85u, read_file(front + "_0.log.txt").size());
       EXPECT_EQ(9u, read_file(front + "_error_0.log.txt").size()) << "levels 1, 2 and 6";
+      write_file(front + "_0.log.txt", "1"), write_file(front + "_error_0.log.txt", "22");
       log->local_writer->flush(log);
+      const auto& writer = *reinterpret_cast<qn_log_local_writer_t*>(log->local_writer);
+      EXPECT_TRUE(writer.file->st.st_size == 1 && writer.error_file->st.st_size == 2);
       qn_log_free(log);
     }
     EXPECT_EQ(nullptr, qn_log_client_new());
@@ -213,6 +219,9 @@ TEST(LocalWriter, GoesOnWhenAFileFails) {
     writer.file->flags = O_RDWR;       // and not able to start afresh
     write_bytes(log, QN_LOG_E, 1);
     EXPECT_EQ(-1, writer.file->fd);
+    write_bytes(log, QN_LOG_I, 1); // lost, which is no failure of a rotation
+    writer.file->st.st_size = 0;
+    EXPECT_EQ(QN_FILE_CLOSED, log->local_writer->write(log, QN_LOG_I, "x", 1));
     EXPECT_EQ("x", read_file(kDir + "hubd_error_0.log.txt")) << "the other file goes on";
     writer.file->flags = kFlags;
     writer.file->st.st_size = 1572864;

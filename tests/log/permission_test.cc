@@ -95,9 +95,9 @@ TEST(Gates, SayWhatTheMapsSayForEveryCombination) {
     ASSERT_EQ(0, qn_log_permit_init());
 
     // The role's and the default value; where there is one of the role's the other is not asked.
-    const char* const levels[][2] = {{nullptr, nullptr}, {nullptr, "D"}, {nullptr, "E"}, {"G", "D"},
-                                     {"E", "D"},         {"W", "D"},     {"I", "D"},     {"Dxyz", "D"},
-                                     {"F", "D"},         {"w", "D"},     {"", "D"}};
+    const char* const levels[][2] = {{nullptr, nullptr}, {nullptr, "D"}, {nullptr, "E"}, {"Gx", "D"},
+                                     {"Ex", "D"},        {"Wx", "D"},    {"Ix", "D"},    {"Dxyz", "D"},
+                                     {"Fx", "D"},        {"w", "D"},     {"", "D"}};
     const char* const globals[][2] = {{nullptr, nullptr}, {nullptr, "on"}, {nullptr, "off"},
                                       {"on", "off"},      {"off", "on"},   {"On", "on"}};
     const char* const switches[] = {nullptr, "on", "off", "On"};
@@ -204,6 +204,11 @@ TEST(Permission, ASingleSwitchOpensOneCallSite) {
     config.biz_name[strlen(config.biz_name)] = 'b';
     EXPECT_EQ(-1, change(config));
     EXPECT_FALSE(is_logged(QN_LOG_D, 1, config.biz_name));
+
+    const Config unnamed = {"hubd", "", "on", 0, "", "", "", 0, QN_LOG_PERMIT_BIZ};
+    EXPECT_FALSE(is_logged(QN_LOG_D, 1, ""));
+    EXPECT_EQ(0, change(unnamed));
+    EXPECT_TRUE(is_logged(QN_LOG_D, 1, ""));
 
     const Config off = {"hubd", "", "off", 77, "", "", "", 0, QN_LOG_PERMIT_LOGID};
     EXPECT_EQ(0, change(off));
