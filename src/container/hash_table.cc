@@ -10,6 +10,7 @@
 #include "core/heap.h"
 #include "core/log_record.h"
 #include "platform/guards.h"
+#include "platform/remainder.h"
 
 namespace {
 
@@ -21,6 +22,15 @@ constexpr Message kPrintPointer{QN_LOG_I, 405, "qn_table", "qn_table_print", "[%
 
 // The first prime stands twice and the last row only ends the search: neither is met by it as a size.
 constexpr int32_t kPrimes[] = {509, 509, 1021, 2053, 4093, 8191, 16381, 32771, 65521, INT32_MAX};
+constexpr uint32_t kPrimeCount = sizeof(kPrimes) / sizeof(kPrimes[0]);
+
+struct Inverses {
+  uint32_t of[kPrimeCount] = {};
+  constexpr Inverses() {
+    for (uint32_t row = 0; row < kPrimeCount; row++) of[row] = qn::inverse_of(kPrimes[row]);
+  }
+};
+constexpr Inverses kInverses;
 
 struct qn_table_node_t {
   qn_table_node_t* next;
@@ -30,11 +40,11 @@ struct qn_table_node_t {
   uint32_t hash_value; // spares a look at the keys of a chain's other nodes
 };
 
-// The prime before the one where the search stops, so large hints get fewer buckets than keys.
-int32_t bucket_count(int32_t hint) {
-  const int32_t* row = kPrimes + 1;
-  while (*row < hint) row++;
-  return row[-1];
+// The row before the one where the search stops, so large hints get fewer buckets than keys.
+uint32_t row_of_size(int32_t hint) {
+  uint32_t row = 0;
+  while (kPrimes[row + 1] < hint) row++;
+  return row;
 }
 
 int default_cmp(const char* key, const char* stored_key) { return strcmp(key, stored_key); }
@@ -64,24 +74,16 @@ struct qn_table {
   uint32_t change_count;     // stores and removals, found or not
   qn_table_node_t** buckets; // directly behind this record
   pthread_mutex_t mutex;
-  uint32_t inverse; // 2^32 / size: a processor without a division takes a hundred instructions for one
+  uint32_t inverse; // of the size
 };
 
 namespace {
-
-// hash % size. The quotient is one too small at most.
-uint32_t bucket_of(const qn_table_t& table, uint32_t hash) {
-  const uint32_t size = static_cast<uint32_t>(table.size);
-  const uint32_t quotient = static_cast<uint32_t>(uint64_t{hash} * table.inverse >> 32);
-  const uint32_t rest = hash - quotient * size;
-  return rest < size ? rest : rest - size;
-}
 
 // Where a key hangs or would hang. Under the mutex.
 class Place {
  public:
   Place(qn_table_t& table, const char* key) : hash_(table.hash(key)) {
-    link_ = &table.buckets[bucket_of(table, hash_)];
+    link_ = &table.buckets[qn::remainder_of(hash_, static_cast<uint32_t>(table.size), table.inverse)];
     bucket_ = link_;
     while (*link_ != nullptr && !matches(table, **link_, key)) link_ = &(*link_)->next;
   }
@@ -138,12 +140,13 @@ void for_each_node(qn_table_t& table, Visit visit) {
 
 qn_table_t* _qn_table_new(int32_t hint, qn_table_cmp_t cmp, qn_table_hash_t hash) {
   if (hint < 0) return nullptr;
-  const int32_t size = bucket_count(hint);
+  const uint32_t row = row_of_size(hint);
+  const int32_t size = kPrimes[row];
   const size_t bytes = sizeof(qn_table_t) + static_cast<size_t>(size) * sizeof(qn_table_node_t*);
   qn_table_t* const table = static_cast<qn_table_t*>(qn_alloc(static_cast<uint32_t>(bytes)));
   if (table == nullptr) return nullptr;
   table->size = size;
-  table->inverse = UINT32_MAX / static_cast<uint32_t>(size); // as 2^32 / size: no prime divides 2^32
+  table->inverse = kInverses.of[row];
   table->cmp = cmp != nullptr ? cmp : default_cmp;
   table->hash = hash != nullptr ? hash : default_hash;
   table->buckets = reinterpret_cast<qn_table_node_t**>(table + 1);

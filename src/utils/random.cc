@@ -8,6 +8,7 @@
 
 #include "platform/bounded_string.h"
 #include "platform/past_signals.h"
+#include "platform/remainder.h"
 
 namespace {
 
@@ -42,7 +43,7 @@ void qn_generate_random_key(char* key, uint32_t length) {
   for (uint32_t i = 0; random && i < length; i++) {
     uint32_t number = 0;
     random = read_number(fd, &number);
-    key[i] = kAlphabet[number % kAlphabetSize];
+    key[i] = kAlphabet[qn::remainder_of(number, kAlphabetSize, qn::inverse_of(kAlphabetSize))];
   }
   qn_random_close(fd);
   // A key that anybody can guess is worse than none.
