@@ -25,7 +25,7 @@ TOKEN = re.compile(r'''(?P<directive>^[ \t]*\#(?:\\\n|[^\n])*)
   | (?P<name>[A-Za-z_]\w*)
   | (?P<sign>::|.)''', re.X | re.S | re.M)
 LEVEL = re.compile(r"QN_LOG_([GEWIDFT])$")
-ENTRY = re.compile(r"(log_site|qn_log_(v?core|println|console_impl|fault_\w*|\w*adpater)|QN_LOG_RECORD)$")
+ENTRY = re.compile(r"((log|console|println)_site|qn_log_(v?core|println|console_impl|fault_\w*|\w*adpater)|QN_LOG_RECORD)$")
 TRACING = re.compile(r"(trace_enter|trace_leave|TraceScope)$")
 
 Token = collections.namedtuple("Token", "kind text line")
@@ -170,11 +170,10 @@ class Source:
         """What the two functions of a Trace log, and whom they name as the caller where the row names nobody."""
         texts = [[token.text for i, token in enumerate(self.tokens)
                   if token.kind == "text" and self.functions[i] == name] for name in ("trace_enter", "trace_leave")]
-        callers = [self.tokens[i + 2] for i in range(len(self.tokens) - 2) if self.words(i, i + 2) == ["caller", "="]]
-        if any(len(found) != 1 or found[0].count("%s") != 2 for found in texts) or \
-                [token.kind for token in callers] != ["text"]:
-            self.fail(0, "trace_enter() and trace_leave() have not one text each, or Trace not one caller")
-        return [(found[0], callers[0].text) for found in texts]
+        if "kNoCaller" not in self.texts or \
+                any(len(found) != 1 or found[0].count("%s") != 2 for found in texts):
+            self.fail(0, "trace_enter() and trace_leave() have not one text each, or there is no kNoCaller")
+        return [(found[0], self.texts["kNoCaller"]) for found in texts]
 
 
 def read_all():

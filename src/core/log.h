@@ -30,9 +30,10 @@ constexpr size_t kLogLineSize = 1024;
 constexpr size_t kLogStampSize = 64;
 constexpr uint32_t kLogLevelCount = 7;
 
+// Tables hold their texts in place: each pointer to one would be a relocation at each start.
 struct LogName {
-  uint32_t length;
-  const char* name;
+  uint8_t length;
+  char name[12];
 };
 
 // By level code, in order of severity; row 0 has no name.

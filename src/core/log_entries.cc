@@ -41,9 +41,23 @@ __attribute__((format(printf, 4, 0))) int32_t gated_write(uint32_t word, qn_log_
   return write_record(log, record, fmt, args);
 }
 
+// Nothing above the level F has a place on standard error, and a trace has none.
 __attribute__((format(printf, 2, 0))) void print_record(const LogRecord& record, const char* fmt,
                                                         va_list args) {
-  write_record(nullptr, record, fmt, args);
+  if (record.level <= QN_LOG_F) write_record(nullptr, record, fmt, args);
+}
+
+__attribute__((format(printf, 2, 0))) void print_on_console(const LogRecord& record, const char* fmt,
+                                                            va_list args) {
+  const uint32_t word = log_gate_current();
+  if (record.level > QN_LOG_F || (word & kGateConsole) == 0) return;
+  if (log_gate_permits(word, record.level, record.logid, record.biz_name))
+    print_record(record, fmt, args);
+}
+
+LogRecord site_record(uint32_t level_and_logid, const char* module, const char* biz_name) {
+  const uint32_t level = level_and_logid & ((1u << kLogidShift) - 1);
+  return {level, level_and_logid >> kLogidShift, module, true, true, biz_name, nullptr};
 }
 
 // Not through stdio: a child of a fork beside a thread that writes would find the stream locked for ever
@@ -72,12 +86,26 @@ int32_t qn_log_write_line(qn_log_t* log, uint32_t level, const char* line) {
 }
 
 void log_site(uint32_t level_and_logid, const char* module, const char* biz_name, const char* fmt, ...) {
-  const uint32_t level = level_and_logid & ((1u << kLogidShift) - 1),
-                 logid = level_and_logid >> kLogidShift;
-  const LogRecord record = {level, logid, module, true, true, biz_name, nullptr};
   va_list args;
   va_start(args, fmt);
-  gated_write(log_gate_current(), qn_log_singleton_get(), record, fmt, args);
+  gated_write(log_gate_current(), qn_log_singleton_get(), site_record(level_and_logid, module, biz_name),
+              fmt, args);
+  va_end(args);
+}
+
+void console_site(uint32_t level_and_logid, const char* module, const char* biz_name, const char* fmt,
+                  ...) {
+  va_list args;
+  va_start(args, fmt);
+  print_on_console(site_record(level_and_logid, module, biz_name), fmt, args);
+  va_end(args);
+}
+
+void println_site(uint32_t level_and_logid, const char* module, const char* biz_name, const char* fmt,
+                  ...) {
+  va_list args;
+  va_start(args, fmt);
+  print_record(site_record(level_and_logid, module, biz_name), fmt, args);
   va_end(args);
 }
 
@@ -115,21 +143,15 @@ int32_t qn_log_core(uint32_t level, qn_log_t* log, uint32_t logid, const char* m
 
 void qn_log_console_impl(uint32_t level, uint32_t logid, const char* module, uint8_t newline,
                          const char* biz_name, const char* fmt, ...) {
-  if (level > QN_LOG_F) return;
-  const uint32_t word = qn::log_gate_current();
-  if ((word & qn::kGateConsole) == 0) return;
-  if (!qn::log_gate_permits(word, level, logid, biz_name)) return;
-
   const LogRecord record = {level, logid, module, newline != 0, true, biz_name, nullptr};
   va_list args;
   va_start(args, fmt);
-  qn::print_record(record, fmt, args);
+  qn::print_on_console(record, fmt, args);
   va_end(args);
 }
 
 void qn_log_println(uint32_t level, uint32_t logid, const char* module, const char* biz_name,
                     const char* fmt, ...) {
-  if (level > QN_LOG_F) return;
   const LogRecord record = {level, logid, module, true, true, biz_name, nullptr};
   va_list args;
   va_start(args, fmt);

@@ -38,8 +38,8 @@ constexpr char kDefaultRole[] = "default";
 constexpr uint32_t kFirstRole = 1;
 
 struct DefaultRow {
-  const char* key;
-  const char* value;
+  char key[20];
+  char value[4];
 };
 
 constexpr DefaultRow kDefaultConfigs[] = {
@@ -51,9 +51,10 @@ constexpr DefaultRow kDefaultConfigs[] = {
     {"log.qntty.trace", "off"},
 };
 
-constexpr DefaultRow kDefaultUserConfigs[] = {
-    {"log.default.global", kOn}, {"log.hubd.global", kOn}, {"log.leafd.global", kOn},
-    {"log.arcd.global", kOn},    {"log.admd.global", kOn}, {"log.qntty.global", kOn},
+// What is switched on to begin with.
+constexpr char kDefaultUserConfigs[][20] = {
+    "log.default.global", "log.hubd.global", "log.leafd.global",
+    "log.arcd.global",    "log.admd.global", "log.qntty.global",
 };
 
 constinit pthread_mutex_t g_change_lock = PTHREAD_MUTEX_INITIALIZER;
@@ -175,7 +176,7 @@ int32_t user_configs_init() {
     return -1;
   }
   QN_PRINTLN(kUserStart);
-  for (const DefaultRow& row : kDefaultUserConfigs) qn_map_set(row.key, row.value, map);
+  for (const char* const key : kDefaultUserConfigs) qn_map_set(key, kOn, map);
   replace_map(g_user_configs, map);
   QN_PRINTLN(kUserEnd);
   return 0;

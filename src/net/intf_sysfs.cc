@@ -52,7 +52,7 @@ constexpr uint32_t kWirelessFirst = 0x0100;
 constexpr uint32_t kWirelessLast = 0x0107;
 
 constexpr struct {
-  const char* text;
+  char text[16];
   int32_t code;
 } kOperStates[] = {
     {"unknown", QN_INTF_OPER_UP},      {"notpresent", QN_INTF_OPER_NOT_PRESENT},
@@ -62,7 +62,7 @@ constexpr struct {
 };
 
 constexpr struct {
-  const char* file;
+  char file[12];
   uint64_t qn_intf_eth_metric_t::*counter;
 } kCounters[] = {
     {"rx_packets", &qn_intf_eth_metric_t::rx_packets}, {"rx_errors", &qn_intf_eth_metric_t::rx_errors},
