@@ -24,7 +24,7 @@ function(quill_install prefix libdir docdir)
 
   install(FILES README.md CHANGELOG.md DESTINATION ${docdir} COMPONENT ${prefix}development ${ARGN})
   install(DIRECTORY docs/ DESTINATION ${docdir}
-    COMPONENT ${prefix}development ${ARGN} FILES_MATCHING PATTERN "*.md" PATTERN man EXCLUDE)
+    COMPONENT ${prefix}development ${ARGN} FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN man EXCLUDE)
   install(DIRECTORY examples DESTINATION ${docdir}
     COMPONENT ${prefix}development ${ARGN} FILES_MATCHING PATTERN "*.[ch]" PATTERN "*.conf")
   install(FILES ${QUILL_LOGIDS} DESTINATION ${CMAKE_INSTALL_DATADIR}/quillcore COMPONENT ${prefix}tools ${ARGN})
