@@ -76,8 +76,9 @@ typedef struct kvstore kvstore_t; // opaque
 // and must not be reset before it. An open writes the file once, with damaged entries mended, each of
 // them logged at level W with logid 0. Returns 0 and the handle in `*store`, also when that write failed
 // (517, 518) or a slot or a key could not be indexed (466, 467). -1 on any other failure (logged), and
-// `*store` stays as it was. A failed open never changes an existing file. What was taken from the pool
-// stays in the pool.
+// `*store` stays as it was. A failed open never changes an existing file, and takes one that it has made
+// away again, unless that is a whole store by then (486, 487). What was taken from the pool stays in the
+// pool.
 QN_API int32_t qn_kvs_open(kvstore_t** store, qn_pool_t* pool, const char* path);
 
 // Closes a store. Nothing is written: every change is on disk already, or could not get there. Null is

@@ -15,6 +15,7 @@ extern "C" { // which headers from before 2020 do not say themselves
 
 #include "core/log_record.h"
 #include "platform/bounded_string.h"
+#include "platform/standard_streams.h"
 
 namespace {
 
@@ -191,6 +192,7 @@ void clear_event_handlers() {
 // The socket is watched first: if the broker goes away during the subscription, the loop sees it. One
 // that cannot be watched is as good as lost.
 bool rejoin() {
+  qn::fill_standard_streams(); // one may have been closed since
   if (ubus_reconnect(ubus_ctx, ubus_path) != 0) {
     // Its descriptor is closed, and the next attempt would close the number once more, whoever has it.
     ubus_ctx->sock.fd = -1;
@@ -290,6 +292,7 @@ void* qn_ubus_loop(void* arg) {
   // The loop would take the status of children that other threads wait for.
   uloop_handle_sigchld = false;
   uloop_cancelled = false; // an earlier loop of the process may have left it set
+  qn::fill_standard_streams();
   uloop_init();
   const bool connected = connect_bus(static_cast<const char*>(arg)); // which may make the loop, too
   signals.note_on_the_way();

@@ -14,6 +14,7 @@
 #include "platform/bounded_string.h"
 #include "platform/error_text.h"
 #include "platform/guards.h"
+#include "platform/standard_streams.h"
 #include "utils/white_space.h"
 
 namespace {
@@ -50,7 +51,7 @@ ssize_t read_all(int fd, char* text, size_t size) {
 
 // Fills the buffer with the front of the file and terminates it.
 bool qn_conf_read_from_file(const char* path, char (&text)[kTextSize]) {
-  qn::UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+  qn::UniqueFd fd(qn::open_above(path, O_RDONLY));
   if (!fd.valid()) return QN_FAIL_PRINTLN(false, kOpenFailed, path, QN_ERRNO);
   const ssize_t length = read_all(fd.get(), text, kTextSize - 1);
   if (length < 0) return QN_FAIL_PRINTLN(false, kReadFailed, path, QN_ERRNO);

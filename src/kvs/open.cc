@@ -10,6 +10,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdlib>
 #include <cstring>
 
 #include "core/heap.h"
@@ -77,8 +79,10 @@ void remove_unwritten_file(const kvstore_t& store) {
   if (!store.has_made_file || pread(store.fd, magic, kMagicSize, 0) < 0) return;
   if (memcmp(magic, kMagic, kMagicSize) == 0) return;
   struct stat made, present;
-  if (fstat(store.fd, &made) != 0 || lstat(store.dbfile, &present) != 0) return;
-  if (is_same_file(made, present)) unlink(store.dbfile);
+  char path[PATH_MAX]; // behind a link, if `dbfile` is one
+  if (realpath(store.dbfile, path) == nullptr) return;
+  if (fstat(store.fd, &made) != 0 || lstat(path, &present) != 0) return;
+  if (is_same_file(made, present)) unlink(path);
 }
 
 // Releases whatever has been made of a store; a part that was not made is null or -1.
@@ -139,7 +143,12 @@ int32_t qn_kvs_create_and_open_dbfile(kvstore_t& store) {
   if (make_directories(store.dbfile) != 0) return -1;
   store.fd = open_above(store.dbfile, O_RDWR | O_CREAT | O_EXCL, kFileMode);
   store.has_made_file = store.fd >= 0;
-  if (store.fd < 0 && errno == EEXIST) store.fd = open_above(store.dbfile, O_RDWR | O_CREAT, kFileMode);
+  if (store.fd < 0 && errno == EEXIST) {
+    // Or a link that leads to no file: what is made there is as empty as ours.
+    store.fd = open_above(store.dbfile, O_RDWR | O_CREAT, kFileMode);
+    struct stat status;
+    store.has_made_file = store.fd >= 0 && fstat(store.fd, &status) == 0 && status.st_size == 0;
+  }
   if (store.fd < 0) return QN_FAIL(-1, kCreateFailed, store.dbfile, QN_ERRNO);
   if (ftruncate(store.fd, 0) != 0) return QN_FAIL(-1, kClearFailed, store.dbfile, QN_ERRNO, 0);
   if (ftruncate(store.fd, kDbSize) != 0)

@@ -18,6 +18,7 @@
 #include "net/sysfs.h"
 #include "platform/bounded_string.h"
 #include "platform/guards.h"
+#include "platform/standard_streams.h"
 
 namespace {
 
@@ -74,6 +75,11 @@ struct DirectoryClose {
   void operator()(DIR* directory) const { closedir(directory); }
 };
 using DirectoryPtr = std::unique_ptr<DIR, DirectoryClose>;
+
+DIR* open_directory(const char* path) {
+  const qn::StandardStreamsHeld held;
+  return opendir(path);
+}
 
 bool exists(const SysfsPath& path) { return path.fits() && access(path.text(), F_OK) == 0; }
 
@@ -144,7 +150,7 @@ uint32_t QnIntfIsEthernet(uint32_t media_type) { return media_type <= kEthernetL
 int32_t QnIntfGetPowerState(const char* intf_name) {
   const SysfsPath path(intf_name, "carrier");
   if (!path.fits()) return QN_FAIL(QN_INTF_POWER_OFF, kPathTooLong, or_dash(intf_name));
-  UniqueFd fd(open(path.text(), O_RDONLY | O_CLOEXEC));
+  UniqueFd fd(qn::open_above(path.text(), O_RDONLY));
   if (!fd.valid()) return QN_FAIL(QN_INTF_POWER_OFF, kOpenFailed, path.text(), errno);
   char state[kCarrierSize] = "";
   if (!read_carrier(fd.get(), path.text(), state)) return QN_INTF_POWER_OFF;
@@ -187,7 +193,7 @@ int32_t QnIntfGetNameByPortNo(const char* bridge_name, uint32_t port_no, char* n
   }
   const SysfsPath path(bridge_name, "brif");
   if (!path.fits() || size == 0) return -1;
-  const DirectoryPtr directory(opendir(path.text()));
+  const DirectoryPtr directory(open_directory(path.text()));
   if (!directory) return -1;
   const char* const found = find_port(directory.get(), bridge_name, port_no);
   if (found == nullptr || strncpy_s(name, size, found, size - 1) != 0) return -1;

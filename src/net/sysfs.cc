@@ -11,6 +11,7 @@
 
 #include "platform/bounded_string.h"
 #include "platform/guards.h"
+#include "platform/standard_streams.h"
 
 namespace qn {
 namespace {
@@ -36,7 +37,7 @@ SysfsPath::SysfsPath(const char* intf_name, const char* below, ...) {
 // The kernel gives the whole of such a file to one read, so nothing is gained by a stream with its buffer
 // from the heap.
 SysfsResult sysfs_read_line(const char* path, char* line, size_t size) {
-  const UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+  const UniqueFd fd(open_above(path, O_RDONLY));
   if (!fd.valid()) return SysfsResult::kNoFile;
   const ssize_t length = read(fd.get(), line, size - 1);
   if (length <= 0) return SysfsResult::kNoText;
@@ -46,6 +47,7 @@ SysfsResult sysfs_read_line(const char* path, char* line, size_t size) {
 }
 
 bool sysfs_read_hex(const char* path, unsigned int* number) {
+  const StandardStreamsHeld held;
   const FilePtr file(fopen(path, "re"));
   return file && fscanf_s(file.get(), "%x", number) == 1;
 }

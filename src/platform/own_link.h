@@ -26,20 +26,21 @@ constexpr size_t kLinkPathSize = 1024;
 // read is one and the same link, whatever stands at the path by then. False, with errno, for a link of
 // another user and for what is none.
 inline bool follow_own_link(char (&path)[kLinkPathSize]) {
-  const UniqueFd link(open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  const UniqueFd link(open_above(path, O_PATH | O_NOFOLLOW));
   struct stat status;
   if (!link.valid() || fstat(link.get(), &status) != 0) return false;
   errno = ELOOP;
   if (status.st_uid != 0 && status.st_uid != geteuid()) return false;
 
   char text[kLinkPathSize];
-  const ssize_t length = readlinkat(link.get(), "", text, sizeof(text) - 1);
+  const ssize_t length = readlinkat(link.get(), "", text, sizeof(text));
   if (length < 0) return false;
+  errno = ENAMETOOLONG;
+  if (length == static_cast<ssize_t>(sizeof(text))) return false; // or longer, and cut
   text[length] = '\0';
   // A text that is no whole path counts from the folder that the link lies in.
   char* const slash = strrchr(path, '/');
   char* const place = text[0] == '/' || slash == nullptr ? path : slash + 1;
-  errno = ENAMETOOLONG;
   return strcpy_s(place, sizeof(path) - static_cast<size_t>(place - path), text) == 0;
 }
 

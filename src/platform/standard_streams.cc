@@ -1,5 +1,5 @@
-// The lock of the standard streams around fork(): a child has none of the threads that could give it
-// back.
+// The lock of the standard streams around fork(), since a child has none of the threads that could give
+// it back; and streams where there are none.
 #include "platform/standard_streams.h"
 
 namespace qn {
@@ -19,4 +19,15 @@ __attribute__((constructor(kFirst))) void arrange() {
 }
 
 } // namespace
+
+void fill_standard_streams() {
+  if (StandardStreamsHeld::are_streams(STDIN_FILENO)) return;
+  const MutexGuard guard(g_standard_streams_lock);
+  for (int number = STDIN_FILENO; number <= STDERR_FILENO;) {
+    number = open("/dev/null", O_RDWR); // the lowest free one
+    if (number < 0) return;
+    if (number > STDERR_FILENO) close(number);
+  }
+}
+
 } // namespace qn

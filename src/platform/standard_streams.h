@@ -96,6 +96,10 @@ inline int open_above(const char* path, int flags, mode_t mode = 0) {
   return StandardStreamsHeld::above(open(path, flags | O_CLOEXEC, mode));
 }
 
+// Puts /dev/null on those of the numbers that are closed, for good: ahead of code that is not ours and
+// keeps no descriptor away from them.
+void fill_standard_streams();
+
 } // namespace qn
 
 #endif // QN_PLATFORM_STANDARD_STREAMS_H

@@ -9,6 +9,7 @@
 #include "platform/bounded_string.h"
 #include "platform/past_signals.h"
 #include "platform/remainder.h"
+#include "platform/standard_streams.h"
 
 namespace {
 
@@ -25,7 +26,7 @@ bool read_number(int32_t fd, uint32_t* number) {
 
 } // namespace
 
-int32_t qn_random_open(void) { return open("/dev/random", O_RDONLY | O_CLOEXEC); }
+int32_t qn_random_open(void) { return qn::open_above("/dev/random", O_RDONLY); }
 
 void qn_random_close(int32_t fd) {
   if (fd > 0) close(fd);

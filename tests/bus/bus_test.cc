@@ -451,8 +451,8 @@ TEST(BusChildren, KeepTheirStatusBesideTheLoop) {
   const Broker broker(path, nullptr);
   const pid_t child = fork();
   if (child == 0) {
-    close(STDERR_FILENO);
-    open("/dev/null", O_WRONLY);
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++)
+      close(fd); // the loop's own must not become one
     qn_ubus_start(path.c_str());
     int lost = 0;
     for (int i = 0; i < 1000; i++) {
@@ -462,6 +462,9 @@ TEST(BusChildren, KeepTheirStatusBesideTheLoop) {
       // pclose() drops the status inside the library, so one more of our own shows whether it is there.
       if (i % 10 == 0) lost += system(":") != 0;
     }
+    struct stat null, stream;
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++)
+      lost += stat("/dev/null", &null) != 0 || fstat(fd, &stream) != 0 || stream.st_rdev != null.st_rdev;
     _exit(lost == 0 ? 0 : 1);
   }
   int status = -1;

@@ -222,7 +222,7 @@ TEST(StoreCreation, LeavesNoFileThatEveryLaterOpenRefuses) {
     bool is_left;
   } rows[] = {
       {"its own", nullptr, [](const std::string&) {}, false},
-      {"behind a link", "other", [](const std::string&) {}, true},
+      {"behind a link", "other", [](const std::string&) {}, false},
       {"replaced", nullptr,
        [](const std::string& path) { std::filesystem::remove(path), write_file(path, ""); }, true},
       {"filled", nullptr, [](const std::string& path) { write_file(path, StoreModel().image()); }, true},
