@@ -1,12 +1,18 @@
-// Heap, pool, containers, commands, threads and sockets.
+// Heap, pool, containers, commands, threads, sockets and the bus client.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <libubus.h>
+#include <poll.h>
+#include <quillcore/bus.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <thread>
 
 #include "container/string_map.h"
 #include "faults/table.h"
@@ -158,6 +164,65 @@ int64_t serve(const char* path) {
   return result != 0 ? result : connect_to(path);
 }
 
+// What a broker has to say to a client with one subscription, in words.
+constexpr uint32_t kBroker[] = {
+    0,          0x8e750468, 4,                 // hello
+    0x00020001, 0,          12, 0x03000008, 7, // data: the object's id
+    0x00010001, 0,          12, 0x01000008, 0, // status: it is there
+    0x00010002, 1,          12, 0x01000008, 0, // status: subscribed
+    0x00050001, 0,          24, 0x03000008, 7, 0x04000006, 0x61000000, 0x07000004, // the event "a"
+};
+
+// The client from its start to the event that ends its loop, while the broker's side is spared. Result:
+// 10 when the business handler has run, and 1 when the event has come.
+struct Bus : Operation {
+  Bus() {
+    undisturbed = {11};
+    sockaddr_un address = {AF_UNIX, {}};
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    EXPECT_EQ(0, listen(listener.get(), 1));
+    qn_ubus_add_handler(1, [](ubus_context*) -> int32_t { return calls += 10, 0; });
+    qn_ubus_add_event_handler("a", [](ubus_context*, ubus_event_handler*, const char*, blob_attr*) {
+      calls++;
+      uloop_end();
+    });
+    broker = std::thread([this] {
+      spare(true);
+      uint32_t words[std::size(kBroker)];
+      std::ranges::transform(kBroker, words, htonl);
+      while (true) {
+        const qn::UniqueFd fd(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (!fd.valid()) return;
+        if (write(fd.get(), words, sizeof(words)) < 0) continue;    // the client has gone already
+        pollfd ends[] = {{fd.get(), 0, 0}, {listener.get(), 0, 0}}; // of the client, of the operation
+        poll(ends, 2, -1);
+      }
+    });
+  }
+  ~Bus() override {
+    shutdown(listener.get(), SHUT_RDWR);
+    broker.join();
+  }
+  int64_t run() override {
+    pthread_t thread;
+    calls = 0;
+    keep_detached(&thread);
+    const int32_t started = qn_ubus_start(path.c_str());
+    if (started != 0) return started;
+    pthread_join(thread, nullptr);
+    uloop_done(); // a thread that ends before its loop runs leaves that open
+    return calls;
+  }
+
+  static int calls;
+  TempDir dir;
+  string path = dir.file("bus");
+  qn::UniqueFd listener{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+  std::thread broker;
+};
+int Bus::calls = 0;
+
 } // namespace
 
 std::vector<Row> base_rows() {
@@ -222,5 +287,29 @@ std::vector<Row> base_rows() {
       {"server", server, "connect", ENOENT, {{0}}}, // the second attempt succeeds
       // Without a server the second attempt's error is not the one that is named.
       {"client", client, "connect", EACCES, {{-1, {549}}, {-1, {549}, ENOENT}}},
+  };
+}
+
+// An installed libubus makes its calls out of reach.
+std::vector<Row> bus_rows() {
+  if (!TEST_BUS_STANDIN) return {};
+  // What wakes the loop is made once and stays.
+  uloop_init();
+  uloop_done();
+  const Make bus = make<Bus>();
+  const Outcome no_bus = {0, {621}}, no_answer = {0, {0}};
+  const std::vector<Outcome> no_memory = {no_bus, no_bus, no_bus, no_answer, no_answer, no_answer};
+  return {
+      {"bus", bus, "pthread_create", EAGAIN, {{-1, {631}}}},
+      {"bus", bus, "epoll_create1", EMFILE, {{11}}}, // connecting makes the loop
+      {"bus", bus, "epoll_create1", EMFILE, {no_bus}, kFailAlways, kUntried},
+      {"bus", bus, "EPOLL_CTL_ADD", ENOSPC, {{11}, no_bus}}, // what wakes the loop; the bus
+      {"bus", bus, "socket", EMFILE, {no_bus}},
+      {"bus", bus, "connect", EAGAIN, {no_bus}},
+      {"bus", bus, "read", EIO, {no_bus}, kFail, kUntried},
+      // The context and its connection, the hello; the answers to the subscription.
+      {"bus", bus, "malloc", ENOMEM, no_memory, kFail, kUntried},
+      {"bus", bus, "epoll_wait", EINTR, {{11}}, kFail, kUntried},
+      {"bus", bus, "epoll_wait", EBADF, {{10}}, kFail, kUntried},
   };
 }

@@ -43,6 +43,7 @@ thread_local bool t_spared = false;
 std::atomic<int> g_blocks{0};
 std::atomic<int> g_bad_closes{0};
 std::atomic<int> g_inherited{0};
+std::atomic<pthread_t*> g_kept{nullptr};
 
 // Whether the armed fault hits this call; errno is set if so.
 bool hit(std::string_view call) {
@@ -262,6 +263,12 @@ using Routine = void* (*)(void*);
 WRAP_PLAIN("pthread_create", errno, int, pthread_create,
            (pthread_t * thread, const pthread_attr_t* how, Routine routine, void* argument),
            (thread, how, routine, argument))
+WRAP(int, pthread_detach, (pthread_t thread)) {
+  pthread_t* const kept = g_kept.exchange(nullptr);
+  if (kept == nullptr) return __real_pthread_detach(thread);
+  *kept = thread;
+  return 0;
+}
 
 namespace shim {
 
@@ -278,6 +285,8 @@ void disarm() { state().armed = false; }
 bool fired() { return state().fired; }
 
 void spare(bool on) { t_spared = on; }
+
+void keep_detached(pthread_t* thread) { g_kept = thread; }
 
 std::map<std::string_view, int> tally() {
   return {{"heap blocks", g_blocks}, {"bad closes", g_bad_closes}, {"inherited", g_inherited}};

@@ -6,6 +6,8 @@
 #ifndef TESTS_FAULTS_SHIM_H
 #define TESTS_FAULTS_SHIM_H
 
+#include <pthread.h>
+
 #include <map>
 #include <string_view>
 
@@ -32,6 +34,9 @@ void disarm();
 bool fired(); // whether the n-th call has been made since arm(); any thread may ask
 
 void spare(bool on); // the calls of this thread are not counted while it is on
+
+// The next thread that is detached is left joinable instead, for a caller that wants to see its end.
+void keep_detached(pthread_t* thread);
 
 // What must be as before when an operation is gone: heap blocks from the wrapped functions, less those
 // that were freed; calls of close() on a number that was not open; descriptors that a program started at

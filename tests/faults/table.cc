@@ -96,6 +96,7 @@ TEST_P(OwnFaultTable, EveryCallMayFail) {
 using testing::PrintToStringParamName;
 using testing::ValuesIn;
 INSTANTIATE_TEST_SUITE_P(Base, FaultTable, ValuesIn(base_rows()), PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(Bus, FaultTable, ValuesIn(bus_rows()), PrintToStringParamName());
 INSTANTIATE_TEST_SUITE_P(Service, FaultTable, ValuesIn(service_rows()), PrintToStringParamName());
 INSTANTIATE_TEST_SUITE_P(Store, FaultTable, ValuesIn(store_rows()), PrintToStringParamName());
 INSTANTIATE_TEST_SUITE_P(ProcNet, OwnFaultTable, ValuesIn(proc_net_rows()), PrintToStringParamName());

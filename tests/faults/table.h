@@ -65,6 +65,7 @@ struct Row {
 std::ostream& operator<<(std::ostream& out, const Row& row);
 
 std::vector<Row> base_rows();
+std::vector<Row> bus_rows();
 std::vector<Row> service_rows();
 std::vector<Row> store_rows();
 // These run in a child that has files, devices and interfaces of its own: see make_own_system().
