@@ -214,16 +214,16 @@ const Role* find_role(const char* name, size_t length) {
 
 const char* text_of(ConfOddity oddity) {
   constexpr const char* kTexts[] = {
-      "a key of 64 bytes or more: the reading ends here",
-      "a value of 256 bytes or more: it is empty, the reading ends here",
+      "a key over 63 bytes: the reading ends here",
+      "a value over 255 bytes: empty, the reading ends",
       "text beyond 32767 bytes is not read",
       "a NUL byte: the reading ends here",
       "no \"=\" from here on: the rest is not read",
-      "a line without \"=\" became the front of the next key",
-      "this line became the value of the empty entry before it",
-      "a \"#\" begins no comment here: it became the front of a key",
-      "the key stands once more here, and this one holds",
-      "the key stands once more here, but the file's first entry holds",
+      "a line without \"=\" became part of the next key",
+      "it became the value of the empty entry before",
+      "a \"#\" begins no comment: it became part of a key",
+      "the key again, and this one holds",
+      "the key again, but its first entry holds",
       "no role is called so: nobody asks for this key",
       "nobody asks for this key",
       "no level: none of E, W, I and D pass",

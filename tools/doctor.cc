@@ -15,12 +15,12 @@ namespace ctl {
 namespace {
 
 constexpr unsigned kFindingsMax = 200;
-constexpr uint64_t kLittleRoom = 256 * 1024; // two commits of a store
+constexpr uint64_t kLittleRoom = uint64_t{256} * 1024; // two commits of a store
 constexpr unsigned kNearLimitPercent = 90;
 
 struct Finding {
   bool bad; // or only a warning
-  char about[32];
+  char about[120];
   char what[200];
 };
 
@@ -123,8 +123,7 @@ void check_pid_file(const Daemon& daemon, Findings* findings) {
       return findings->bad(file.name, "names %d, now %s: %s will refuse to start", file.pid,
                            shown(file.process.program), name);
     case Owner::kGone:
-      return findings->warn(file.name, "names %d, gone: %s died; its next start takes over", file.pid,
-                            name);
+      return findings->warn(file.name, "names %d, gone: it died; a start takes over", file.pid);
     case Owner::kBroken:
       return findings->warn(file.name, "holds no pid: a second %s would start beside the first", name);
     default:
@@ -143,8 +142,8 @@ void check_writers(const Machine& machine, unsigned index, Findings* findings) {
   for (unsigned i = 0; i < index; i++) {
     const Daemon& other = machine.daemons[i];
     if (!daemon.runs || !other.runs || other.role != daemon.role) continue;
-    findings->bad(daemon.role->name, "its log is written by %d and %d: records can get lost",
-                  other.process.pid, daemon.process.pid);
+    findings->bad(daemon.role->name, "%d and %d write its log: records can get lost", other.process.pid,
+                  daemon.process.pid);
   }
 }
 
@@ -157,8 +156,8 @@ void check_log(const Machine& machine, unsigned index, Findings* findings) {
   if (daemon.log_bytes > limit + limit / 8) {
     findings->bad(daemon.role->name, "its log has %s of %s: it fills the memory",
                   short_size(daemon.log_bytes), short_size(limit));
-  } else if (daemon.log_bytes * 100 >= limit * kNearLimitPercent) {
-    findings->warn(daemon.role->name, "its log has %s of %s: soon the records before it are gone",
+  } else if (daemon.log_bytes * 100 >= uint64_t{limit} * kNearLimitPercent) {
+    findings->warn(daemon.role->name, "its log has %s of %s: older records go soon",
                    short_size(daemon.log_bytes), short_size(limit));
   }
   if (before == findings->count()) findings->fine();
@@ -173,20 +172,18 @@ void check_socket(const Machine& machine, const SocketThing& it, Findings* findi
     findings->bad(name, "%s does not answer a connect: its clients wait",
                   shown(machine.daemons[it.daemon].name));
   } else {
-    findings->bad(name, "nobody answers: its clients are refused; %.100s", shown(it.path));
+    findings->bad(it.path, "nobody answers: its clients are refused");
   }
 }
 
 void check_store(const StoreThing& it, Findings* findings) {
   const char* const name = base_name(it.path);
   const unsigned before = findings->count();
-  if (it.deleted) findings->bad(name, "is deleted, and in use: all of it is gone at the next start");
-  if (it.refusal != nullptr)
-    findings->bad(name, "%s: its daemon cannot start (%u)", it.refusal->why, it.refusal->logid);
-  if (it.faults > 0)
-    findings->bad(name, "has %zu faults: see quillctl store verify %.100s", it.faults, shown(it.path));
+  if (it.deleted) findings->bad(name, "is deleted, but in use: gone at the next start");
+  if (it.refusal != nullptr) findings->bad(name, "%s; no start (%u)", it.refusal->why, it.refusal->logid);
+  if (it.faults > 0) findings->bad(it.path, "has faults, %zu: see quillctl store verify", it.faults);
   if (it.holder_count > 1)
-    findings->bad(name, "is held by %u processes: each undoes what others change", it.holder_count);
+    findings->bad(name, "has %u holders: each undoes what others change", it.holder_count);
   if ((it.file.st_mode & (S_IRGRP | S_IROTH)) != 0)
     findings->warn(name, "may be read by others: so may every secret in it");
   char folder[kPathSize];

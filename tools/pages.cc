@@ -149,7 +149,8 @@ void put_words(const char* first) {
 void put_completion() {
   fputs(
       "# Completion of quillctl for bash. Made out of the table of its commands.\n_quillctl() {\n"
-      "  local word=${COMP_WORDS[COMP_CWORD]} command=${COMP_WORDS[1]-} options=\n"
+      "  local word=${COMP_WORDS[COMP_CWORD]} command=${COMP_WORDS[1]-} options='--help --version "
+      "--json'\n"
       "  local roles='qntty hubd leafd admd relay arcd arc_tty lib_call nw_lib_call nil'\n"
       "  ((COMP_CWORD < 3)) || command+=\" ${COMP_WORDS[2]}\"\n  case $command in\n",
       stdout);

@@ -1,6 +1,6 @@
 # Completion of quillctl for bash. Made out of the table of its commands.
 _quillctl() {
-  local word=${COMP_WORDS[COMP_CWORD]} command=${COMP_WORDS[1]-} options=
+  local word=${COMP_WORDS[COMP_CWORD]} command=${COMP_WORDS[1]-} options='--help --version --json'
   local roles='qntty hubd leafd admd relay arcd arc_tty lib_call nw_lib_call nil'
   ((COMP_CWORD < 3)) || command+=" ${COMP_WORDS[2]}"
   case $command in

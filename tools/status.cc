@@ -11,6 +11,7 @@
 namespace ctl {
 namespace {
 
+constexpr int kUpWidth = 9; // as in the lines' format
 constexpr int kStoreWidth = 24;
 
 struct Columns {
@@ -99,12 +100,14 @@ void print_rows(const Machine& machine, const Daemon* daemon) {
     if (head) fill_columns(*daemon, &columns);
     if (socket != nullptr) fill_socket(*socket, answer);
     if (store != nullptr) fill_store(*store, store_text);
+    // A number of seven digits takes its room from the store, which may be cut.
+    const int over = static_cast<int>(strlen(columns.up + kUpWidth));
     printf("%-7s %5s  %-9s %-10s %-6s %-*s %5s %5s\n",
            head                ? shown(daemon->name)
            : daemon == nullptr ? "-"
                                : "",
            columns.pid, columns.up, socket != nullptr ? shown(base_name(socket->path)) : "", answer,
-           kStoreWidth, store_text, columns.log, columns.errors);
+           kStoreWidth - over, store_text, columns.log, columns.errors);
   }
 }
 

@@ -3,12 +3,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <quillcore/quillcore.h>
-#include <spawn.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,27 +21,25 @@
 #include "support/own_namespace.h"
 #include "support/temp_dir.h"
 
-extern char** environ;
-
 namespace {
 
 const std::string kRun = "/tmp/quillnet/", kSocket = kRun + "hubd.sock", kStore = kRun + "hubd.kvs";
 
 // Starts the tool with the words of a line.
 pid_t start(const std::string& line, int in, int out, int err) {
-  std::istringstream text(line);
-  std::vector<std::string> words{std::istream_iterator<std::string>(text), {}};
-  std::vector<char*> argv{const_cast<char*>("quillctl")};
-  for (std::string& word : words) argv.push_back(word.data());
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t files;
-  posix_spawn_file_actions_init(&files);
-  const int from[] = {in, out, err};
-  for (int i = 0; i < 3; i++) posix_spawn_file_actions_adddup2(&files, from[i], i);
-  pid_t pid = -1;
-  EXPECT_EQ(0, posix_spawn(&pid, QUILLCTL, &files, nullptr, argv.data(), environ));
-  posix_spawn_file_actions_destroy(&files);
-  return pid;
+  const pid_t pid = fork();
+  if (pid != 0) return pid;
+  dup2(in, 0), dup2(out, 1), dup2(err, 2);
+  execl("/bin/sh", "sh", "-c", ("exec " QUILLCTL " " + line).c_str(), nullptr);
+  _exit(127);
+}
+
+std::string blank(const std::string& text, const std::string& pattern, const std::string& by) {
+  return std::regex_replace(text, std::regex(pattern), by);
+}
+
+bool has(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
 }
 
 // What a run prints: with another status than 0 that and a colon before it. All of it is safe for a
@@ -54,23 +49,13 @@ std::string said(const std::string& line, const std::string& input = "") {
                      memfd_create("err", MFD_CLOEXEC)};
   EXPECT_EQ(static_cast<ssize_t>(input.size()), pwrite(fds[0], input.data(), input.size(), 0));
   int status = 0;
-  const pid_t pid = start(line, fds[0], fds[1], fds[2]);
-  EXPECT_EQ(pid, waitpid(pid, &status, 0));
+  EXPECT_LT(0, waitpid(start(line, fds[0], fds[1], fds[2]), &status, 0));
   const auto content = [](int fd) { return read_file("/proc/self/fd/" + std::to_string(fd)); };
   const std::string err = content(fds[2]), all = content(fds[1]) + err;
   for (const int fd : fds) close(fd);
-  for (const char byte : all)
-    EXPECT_TRUE(byte == '\n' || (byte >= ' ' && byte <= '~')) << int{byte} << all;
+  EXPECT_EQ("", blank(all, "[\n -~]", "")) << "bytes that are not safe for a terminal in " << all;
   EXPECT_LE(std::count(err.begin(), err.end(), '\n'), 1) << err;
   return (status == 0 ? "" : std::to_string(WEXITSTATUS(status)) + ": ") + all;
-}
-
-std::string blank(const std::string& text, const std::string& pattern, const std::string& by) {
-  return std::regex_replace(text, std::regex(pattern), by);
-}
-
-bool has(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
 }
 
 // --- a daemon ---
@@ -123,9 +108,6 @@ class StoreTool : public testing::Test {
     store.put("odd\x1b/", std::string("\0\x7f\n", 3));
     bytes_ = read_file(file_);
   }
-  void patch(size_t offset, const std::string& by) {
-    write_file(file_, std::string(bytes_).replace(offset, by.size(), by));
-  }
   TempDir dir_;
   const std::string file_ = dir_.file("a.kvs"), about_ = ": quillctl: " + file_ + ": ";
   std::string bytes_;
@@ -135,8 +117,7 @@ class StoreTool : public testing::Test {
 
 TEST_F(StoreTool, ShowsKeysAndNoValueThatWasNotAskedFor) {
   const std::string shown = said("store " + file_);
-  EXPECT_EQ(
-      0u, shown.find("131072 bytes, version 1, held by nobody that can be seen; read only, 4 keys, 0 "));
+  EXPECT_TRUE(has(shown, "131072 bytes, version 1, held by nobody that can be seen; read only, 4 keys"));
   EXPECT_TRUE(has(shown, "     0      0..30    ###----------------------------- 3\n"));
   EXPECT_TRUE(has(shown, "odd\\x1b/                             0      3  \n"));
   EXPECT_FALSE(has(shown + said("store -j " + file_), "bbb"));
@@ -174,10 +155,8 @@ TEST_F(StoreTool, TellsEachDamageAndItsOutcome) {
       {17440, "x", "BAD  17440  bytes that no operation writes\n"},
   };
   for (const auto& row : rows) {
-    patch(row.offset, row.by);
-    const std::string shown = blank(said("store verify " + file_), "\n            [^\n]*", "");
-    EXPECT_EQ(row.told, shown.substr(shown.find('\n') + 1));
-    EXPECT_EQ(0u, shown.find("1: "));
+    write_file(file_, std::string(bytes_).replace(row.offset, row.by.size(), row.by));
+    EXPECT_EQ(row.told, blank(said("store verify " + file_), "^1: 131072 [^\n]*\n|\n {12}[^\n]*", ""));
   }
   write_file(file_, bytes_ + "tail");
   EXPECT_EQ(0u, said("store verify " + file_).find("131072 and more bytes"));
@@ -200,27 +179,26 @@ TEST_F(StoreTool, RefusesWhatAnOpenRefusesAndWhatIsNotToBeOpened) {
 }
 
 TEST_F(StoreTool, TakesValuesOutAndIn) {
-  const std::string keys = dir_.file("keys"), copy = dir_.file("b.kvs");
+  const std::string keys = dir_.file("keys"), copy = dir_.file("b.kvs"), both = file_ + " " + copy;
+  const std::string out = "store export " + file_ + " " + keys, in = "store import " + copy;
   const std::string document = said("store export -j " + file_);
   ASSERT_EQ(0, mkdir(keys.c_str(), 0700));
-  EXPECT_EQ("4 keys exported, 0 left out: a get refuses them\n",
-            said("store export " + file_ + " " + keys));
+  EXPECT_EQ("4 keys exported, 0 left out: a get refuses them\n", said(out));
   EXPECT_EQ(std::string("\0\x7f\n", 3), read_file(keys + "/odd%1B%2F"));
-  EXPECT_TRUE(has(said("store export " + file_ + " " + keys), "1: quillctl: alpha: it exists"));
-  EXPECT_EQ("4 keys imported\n", said("store import " + copy + " " + keys));
-  EXPECT_EQ("", said("store diff " + file_ + " " + copy));
-  EXPECT_EQ("3: quillctl: " + copy + ": it exists; name a new file\n",
-            said("store import " + copy + " " + keys));
+  EXPECT_TRUE(has(said(out), "1: quillctl: alpha: it exists"));
+  EXPECT_EQ("4 keys imported\n", said(in + " " + keys));
+  EXPECT_EQ("", said("store diff " + both));
+  EXPECT_EQ("3: quillctl: " + copy + ": it exists; name a new file\n", said(in + " " + keys));
   ASSERT_EQ(0, unlink(copy.c_str()));
-  EXPECT_EQ("4 keys imported\n", said("store import " + copy, document));
+  EXPECT_EQ("4 keys imported\n", said(in, document));
   write_file(file_, std::string(bytes_).replace(26626, 3, "two"));
   EXPECT_EQ("1: ! alpha                                3 ->     3 bytes\n    - two\n    + one\n",
-            said("store diff -v " + file_ + " " + copy));
+            said("store diff -v " + both));
   ASSERT_EQ(0, unlink(copy.c_str()));
   std::string full = "{\"keys\":[{\"key\":\"k\",\"hex\":\"00\"}";
   for (int i = 0; i < 32; i++) full += ",{\"key\":\"" + std::to_string(i) + "\",\"hex\":\"00\"}";
   for (const std::string& bad : {full + "]}", full + "]} x", document.substr(0, 40), std::string()}) {
-    EXPECT_EQ(0u, said("store import " + copy, bad).find("1: ")) << bad;
+    EXPECT_EQ(0u, said(in, bad).find("1: ")) << bad;
     EXPECT_NE(0, access(copy.c_str(), F_OK)) << "nothing is left";
   }
 }
@@ -231,26 +209,23 @@ TEST(Machine, IsShownAndJudged) {
         has(said(""), "\n0 daemons, 0 down; libquillcore " QN_VERSION "; next: quillctl doctor\n"));
     EXPECT_EQ("1: none; the next start makes it\n", said("pid hubd"));
     const Hubd hubd;
-    const auto told = [&](const std::string& line) { return blank(said(line), hubd.pid(), "PID"); };
     ASSERT_EQ(0, chmod("/tmp/quillnet", 0750));
-    EXPECT_EQ("alive PID quillctl_test; a second start is refused\n", told("pid hubd"));
-    EXPECT_TRUE(
-        has(told("store " + kStore), "held by quillctl_test (PID); read only, 2 keys, 0 faults\n"));
-    EXPECT_TRUE(has(told(""), kStore + " 2"));
+    EXPECT_EQ("alive " + hubd.pid() + " quillctl_test; a second start is refused\n", said("pid hubd"));
+    EXPECT_TRUE(has(said("store " + kStore),
+                    "held by quillctl_test (" + hubd.pid() + "); read only, 2 keys, 0 faults\n"));
+    EXPECT_TRUE(has(said(""), kStore + " 2"));
     EXPECT_TRUE(has(said("-j"), "\"path\":\"" + kSocket + "\",\"daemon\":\"hubd\",\"answers\":true"));
     EXPECT_EQ(0u, said("doctor").find("ok ")) << said("doctor");
 
     umask(077);
-    const int32_t pids[] = {getpid(), 0x7ffffff0};
-    write_file(kRun + "arcd.pid", std::string(reinterpret_cast<const char*>(&pids[0]), 4));
-    write_file(kRun + "leafd.pid", std::string(reinterpret_cast<const char*>(&pids[1]), 4));
+    const int32_t pids[] = {getpid(), 4194304};
+    for (const int i : {0, 1})
+      write_file(kRun + (i ? "leafd.pid" : "arcd.pid"), {reinterpret_cast<const char*>(&pids[i]), 4});
     write_file(kRun + "relay.pid", "1\n");
     write_file(kRun + "leaf.kvs", read_file(kStore).replace(26624, 2, "\xff\xff"));
     write_file("/etc/quillnet/quillnet.conf", "# comment\nlog.hubd.level = I\n");
-    const int dead = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-    const struct sockaddr_un address = {AF_UNIX, "/tmp/quillnet/leafd.sock"};
-    ASSERT_EQ(0, bind(dead, reinterpret_cast<const sockaddr*>(&address), sizeof(address)));
-    close(dead);
+    int32_t dead = -1;
+    qn_sock_create_unix_socket_server((kRun + "leafd.sock").c_str(), 1, &dead), close(dead);
     ASSERT_EQ(0, symlink("/etc/passwd", (kRun + "admd.pid").c_str()));
     EXPECT_EQ("1: foreign ME quillctl_test; a start is refused until the file is removed\n",
               blank(said("pid arcd"), std::to_string(getpid()), "ME"));
@@ -258,17 +233,17 @@ TEST(Machine, IsShownAndJudged) {
     EXPECT_EQ("3: quillctl: admd.pid: it is a link; name the file itself\n", said("pid admd"));
     EXPECT_EQ(R"(1: BAD   admd.pid                is a link to /etc/passwd: a daemon writes there
 BAD   arcd.pid                names ME, now quillctl_test: arcd will refuse to start
-BAD   leafd.sock              nobody answers: its clients are refused; /tmp/quillnet/leafd.sock
-BAD   leaf.kvs                has 1 faults: see quillctl store verify /tmp/quillnet/leaf.kvs
-warn  leafd.pid               names 2147483632, gone: leafd died; its next start takes over
+BAD   /tmp/quillnet/leafd.sock  nobody answers: its clients are refused
+BAD   /tmp/quillnet/leaf.kvs  has faults, 1: see quillctl store verify
+warn  leafd.pid               names 4194304, gone: it died; a start takes over
 warn  relay.pid               holds no pid: a second relay would start beside the first
-warn  quillnet.conf:1         a "#" begins no comment here: it became the front of a key
-warn  quillnet.conf:1         a line without "=" became the front of the next key
+warn  quillnet.conf:1         a "#" begins no comment: it became part of a key
+warn  quillnet.conf:1         a line without "=" became part of the next key
 ok    N more: folders, owners, modes, free space, 2 stores, 2 sockets
 )",
               blank(blank(said("doctor"), "names " + std::to_string(getpid()), "names ME"), "k    \\d+",
                     "k    N"));
-    EXPECT_TRUE(has(said(""), "leafd       -  2147483632 gone leafd.sock dead   .."));
+    EXPECT_TRUE(has(said(""), "leafd       -  4194304 gone leafd.sock dead   .."));
     EXPECT_TRUE(has(said(""), "4 daemons, 3 down; "));
   });
 }
@@ -345,16 +320,15 @@ hubd   01-02 08:00:00 1 [0005] [F] [m] [b] [f] back
   });
 }
 
-// The writer writes as fast as it can, but stays within a file and a half of what was read: what is moved
-// away twice is gone.
+// A thousand rotations by a writer that stays within a file and a half of what was read: nothing is lost.
+// Then a thousand as fast as it can, beside a follower that stands still at first: each line is read, or
+// lies in a gap that is told and is as long as its files were. A line has 187 to 192 bytes.
 TEST(LogTool, FollowsThroughAThousandRotationsAndTellsWhatIsLost) {
   in_own_namespace([] {
-    constexpr long kRecords = 360000, kFile = 65536 / 192;
-    const auto write_record = [](long i) {
-      qn_log_core_adpater(QN_LOG_G, 1, "m", 1, 1, "b", "%0150ld", i);
-    };
-    auto* const seen = static_cast<std::atomic<long>*>(
-        mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    constexpr long kFile = 65536 / 192, kRecords = 360000;
+    using Counts = std::atomic<long>[2];
+    auto& [seen, written] = *static_cast<Counts*>(
+        mmap(nullptr, sizeof(Counts), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     std::filesystem::create_directories(kRun + "log");
     int out[2];
     ASSERT_EQ(0, pipe2(out, O_CLOEXEC));
@@ -362,39 +336,33 @@ TEST(LogTool, FollowsThroughAThousandRotationsAndTellsWhatIsLost) {
     if (writer == 0) {
       prctl(PR_SET_PDEATHSIG, SIGKILL), close(out[0]), close(out[1]);
       qn_log_new_singleton_instance(0, 1, 0); // qntty: 65536 bytes
-      for (long i = 1; i <= kRecords; write_record(i++))
-        while (i > *seen + kFile * 3 / 2) sched_yield();
-      raise(SIGSTOP);
-      for (long i = 0; i < 5 * kFile; i++) write_record(i);
+      for (long i = 1; i <= 2 * kRecords; written = i++) {
+        while (i <= kRecords + 1 && i > seen + (i <= kRecords ? kFile * 3 / 2 : 1)) sched_yield();
+        qn_log_core_adpater(QN_LOG_G, 1, "m", 1, 1, "b", "%0150ld", i);
+      }
       _exit(0);
     }
     FILE* const lines = fdopen(out[0], "r");
-    char line[1024] = "";
-    for (long i = 1; i <= kRecords; i++) {
+    char line[1024];
+    long gaps = 0; // told
+    for (long i = 0, last = 0, files = 0; i < 2 * kRecords; last = i) {
       ASSERT_NE(nullptr, fgets(line, sizeof(line), lines));
-      ASSERT_EQ(i, atol(strrchr(line, ' '))) << line;
-      if (i % 100 == 0) *seen = i;
+      for (; sscanf(line, "qntty  --- records are missing here: %ld files", &files) == 1; gaps++)
+        ASSERT_NE(nullptr, fgets(line, sizeof(line), lines));
+      i = atol(strrchr(line, ' '));
+      EXPECT_LE(last + 1 + files * (kFile - 1), i) << line;
+      ASSERT_GE(last + 1 + files * (kFile + 10), i) << line;
+      files = 0;
+      ASSERT_TRUE(i > kRecords || gaps == 0) << line;
+      if (i == kRecords) kill(follower, SIGSTOP);
+      if (i % 100 == 0) seen = i;
+      while (i == kRecords && written < i + 6 * kFile) sched_yield();
+      if (i == kRecords) kill(follower, SIGCONT);
     }
-    int status = 0;
-    kill(follower, SIGSTOP);
-    ASSERT_EQ(writer, waitpid(writer, &status, WUNTRACED));
-    kill(writer, SIGCONT);
-    ASSERT_EQ(writer, waitpid(writer, &status, 0));
-    kill(follower, SIGCONT);
-    while (fgets(line, sizeof(line), lines) != nullptr && !has(line, "---")) {
-    }
-    EXPECT_STREQ("qntty  --- records are missing here: 3 files were moved away unread ---\n", line);
+    EXPECT_LE(1, gaps);
     fclose(lines), close(out[1]); // which ends it
-    ASSERT_EQ(follower, waitpid(follower, &status, 0));
-    munmap(seen, 4096);
+    for (const pid_t pid : {writer, follower}) ASSERT_EQ(pid, waitpid(pid, nullptr, 0));
   });
-}
-
-TEST(LogTool, ExplainsARowOfTheSources) {
-  EXPECT_EQ(
-      "[0512] [E] [kvstore] [kvs_get] get key=%s, item value len=%d greater than max=%d.\n"
-      "    src/kvs/operations.cc: qn_kvs_get\n",
-      said("log explain 512"));
 }
 
 TEST(ConfTool, SeesWhatTheLoaderSees) {
@@ -424,11 +392,11 @@ TEST(ConfTool, SeesWhatTheLoaderSees) {
    7  log.leafd.trace            yes
 warn  line 1: no level: none of E, W, I and D pass (log.hubd.level)
 warn  line 2: neither on nor off: it counts as off (log.hubd.console)
-warn  line 3: this line became the value of the empty entry before it (log.hubd.console)
-warn  line 5: the key stands once more here, but the file's first entry holds (log.hubd.level)
-warn  line 6: the key stands once more here, and this one holds (x)
+warn  line 3: it became the value of the empty entry before (log.hubd.console)
+warn  line 5: the key again, but its first entry holds (log.hubd.level)
+warn  line 6: the key again, and this one holds (x)
 warn  line 7: neither on nor off: it counts as off (log.leafd.trace)
-warn  line 8: a key of 64 bytes or more: the reading ends here
+warn  line 8: a key over 63 bytes: the reading ends here
 )",
             said("conf check " + dir.file("c")));
 }
@@ -440,6 +408,10 @@ TEST(Tool, HelpsInEightyColumnsAndRefusesWhatItDoesNotKnow) {
     EXPECT_FALSE(std::regex_search(help, std::regex("[^\n]{81}"))) << help;
   }
   EXPECT_EQ("quillctl " QN_VERSION "\n", said("--version"));
+  EXPECT_EQ(
+      "[0512] [E] [kvstore] [kvs_get] get key=%s, item value len=%d greater than max=%d.\n"
+      "    src/kvs/operations.cc: qn_kvs_get\n",
+      said("log explain 512"));
   for (const char* const wrong : {"stor", "store", "store -q x", "pid ../x", "log hubd -n -1",
                                   "log nobody", "conf", "store -r x", "call -s x -t 256 -m 1"})
     EXPECT_EQ(0u, said(wrong).find("2: quillctl: ")) << wrong;
