@@ -12,6 +12,7 @@ namespace ctl {
 
 void* take_memory(size_t size) {
   void* const memory = calloc(1, size);
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the tool has one thread
   if (memory == nullptr) exit(fail(kCannotLook, "no memory for %zu bytes", size));
   return memory;
 }
@@ -29,6 +30,7 @@ Folder::~Folder() {
 
 const char* Folder::next() {
   if (dir_ == nullptr) return nullptr;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the tool has one thread
   while (const dirent* const entry = readdir(dir_)) {
     if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) return entry->d_name;
   }

@@ -11,7 +11,7 @@
 namespace ctl {
 namespace {
 
-constexpr size_t kDocumentMax = 2 * 1024 * 1024; // 200 keys, every byte of them escaped
+constexpr size_t kDocumentMax = size_t{2} * 1024 * 1024; // 200 keys, every byte of them escaped
 constexpr int kWaitMs = 10000;
 
 int digit(char byte) {

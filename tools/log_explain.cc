@@ -14,7 +14,7 @@
 namespace ctl {
 namespace {
 
-constexpr size_t kTableMax = 256 * 1024;
+constexpr size_t kTableMax = size_t{256} * 1024;
 constexpr unsigned kFields = 7;
 constexpr const char* kNames[kFields] = {"logid", "level", "module",  "biz_name",
                                          "text",  "file",  "function"};

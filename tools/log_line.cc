@@ -95,7 +95,7 @@ Calendar::Calendar(int64_t now_seconds) {
 
 Stamp Calendar::stamp(unsigned month, unsigned day, unsigned second_of_day, uint32_t microseconds) const {
   const Stamp stamp = place(year_, month, day, second_of_day) + microseconds;
-  return stamp <= now_ + kDay ? stamp : stamp - 12 * 31 * kDay;
+  return stamp <= now_ + kDay ? stamp : stamp - int64_t{12} * 31 * kDay;
 }
 
 Stamp Calendar::before(int64_t now_seconds, int64_t seconds) {

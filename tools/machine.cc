@@ -257,8 +257,8 @@ void look_at_held(Machine* machine) {
   }
 }
 
-// Sockets and stores in a folder; with `deeper` in the folders below it, too.
-void look_at_folder(Machine* machine, const char* path, bool deeper) {
+// Sockets and stores in a folder; with `deeper` in the folders below it, too, and no further.
+void look_at_folder(Machine* machine, const char* path, bool deeper) { // NOLINT(misc-no-recursion)
   Folder folder(path);
   unsigned entries = 0;
   while (const char* const name = folder.next()) {
@@ -268,8 +268,7 @@ void look_at_folder(Machine* machine, const char* path, bool deeper) {
     if (!status_of_name(name, &status, folder.fd())) continue;
     if (snprintf(full, sizeof(full), "%s/%s", path, name) >= static_cast<int>(sizeof(full))) continue;
     if (S_ISDIR(status.st_mode) && deeper) {
-      // One level: the call below asks for no more.
-      look_at_folder(machine, full, false); // NOLINT(misc-no-recursion)
+      look_at_folder(machine, full, false);
     } else if (S_ISSOCK(status.st_mode)) {
       add_socket(machine, full, daemon_of_path(*machine, full), false);
     } else if (S_ISREG(status.st_mode) && is_store(full)) {
