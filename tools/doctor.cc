@@ -42,19 +42,32 @@ class Findings {
 
   unsigned count() const { return count_; }
   unsigned fine_count() const { return fine_; }
+  unsigned dropped() const { return dropped_; }
   const Finding& at(unsigned i) const { return rows_[i]; }
 
  private:
   QN_PRINTF(4, 0) void add(bool bad, const char* about, const char* format, va_list args) {
-    if (count_ == kFindingsMax) return;
-    Finding& it = rows_[count_++];
+    Finding* const place = place_for(bad);
+    if (place == nullptr) return;
+    Finding& it = *place;
     it.bad = bad;
     snprintf(it.about, sizeof(it.about), "%s", shown(about));
     vsnprintf(it.what, sizeof(it.what), format, args);
   }
 
+  // Where all are taken a warning gives way to what is bad: who makes many of those hides none of these.
+  Finding* place_for(bool bad) {
+    if (count_ < kFindingsMax) return &rows_[count_++];
+    dropped_++;
+    for (unsigned i = kFindingsMax; bad && i-- > 0;) {
+      if (!rows_[i].bad) return &rows_[i];
+    }
+    return nullptr;
+  }
+
   Finding rows_[kFindingsMax];
   unsigned count_;
+  unsigned dropped_;
   unsigned fine_;
 };
 
@@ -167,6 +180,7 @@ void check_log(const Machine& machine, unsigned index, Findings* findings) {
 
 void check_socket(const Machine& machine, const SocketThing& it, Findings* findings) {
   if (it.error == 0) return findings->fine();
+  if (it.error == EACCES) return findings->warn(it.path, "%s", why_not(EACCES));
   const char* const name = base_name(it.path);
   if (it.listens && it.daemon != kNobody) {
     findings->bad(name, "%s does not answer a connect: its clients wait",
@@ -216,6 +230,7 @@ void print_findings(const Findings& findings, const Machine& machine) {
       if (it.bad == (bad != 0)) printf("%-4s  %-22s  %s\n", bad != 0 ? "BAD" : "warn", it.about, it.what);
     }
   }
+  if (findings.dropped() > 0 || machine.is_cut) printf("...   more than can be shown\n");
   printf("ok    %u more: folders, owners, modes, free space, %u store%s, %u socket%s\n",
          findings.fine_count(), machine.store_count, machine.store_count == 1 ? "" : "s",
          machine.socket_count, machine.socket_count == 1 ? "" : "s");
@@ -225,6 +240,7 @@ void json_findings(const Findings& findings) {
   Json json;
   json.open('{');
   json.number("fine", findings.fine_count());
+  json.number("dropped", findings.dropped());
   json.open('[', "findings");
   for (int bad = 1; bad >= 0; bad--) {
     for (unsigned i = 0; i < findings.count(); i++) {

@@ -18,7 +18,16 @@ void* take_memory(size_t size) {
 }
 
 Folder::Folder(const char* path, int parent) : dir_(nullptr) {
-  Fd fd(openat(parent, path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+  Fd run;
+  if (strcmp(path, kLogFolder) == 0) {
+    // The folder above may be a link, too.
+    run.reset(open(kRunFolder, kFlags));
+    if (!run.valid()) return;
+    parent = run.get();
+    path += sizeof(kRunFolder);
+  }
+  Fd fd(openat(parent, path, kFlags));
   if (!fd.valid()) return;
   dir_ = fdopendir(fd.get());
   if (dir_ != nullptr) fd.release();
@@ -62,6 +71,8 @@ const char* why_not(int error) {
   switch (error) {
     case ELOOP:
       return "it is a link; name the file itself";
+    case ENOTDIR:
+      return "it is no folder, or a link to one";
     case EISDIR:
       return "it is a folder; name a file";
     case ENXIO:

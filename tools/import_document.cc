@@ -113,6 +113,8 @@ void take_document(Cursor* cursor, ImportList* list) {
     ImportKey* const key = list->add();
     cursor->good = cursor->good && key != nullptr;
     if (cursor->good) take_key(cursor, key);
+    for (const ImportKey* other = list->keys; cursor->good && other < key; other++)
+      cursor->good = strcmp(other->key, key->key) != 0; // a key stands once
   }
   cursor->want('}');
   cursor->want('\0');

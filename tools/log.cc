@@ -213,9 +213,9 @@ class Reader {
           return;
         case LogStep::kLost: {
           const unsigned lost = source->chain.lost();
-          printer_->mark(source->role,
-                         "--- records are missing here: %u%s files were moved away unread ---",
-                         lost > 0 ? lost : 1, lost > 0 ? "" : " or more");
+          char which[48] = ""; // a number that nobody knows is not told
+          if (lost > 0) snprintf(which, sizeof(which), ": %u files were moved away unread", lost);
+          printer_->mark(source->role, "--- records are missing here%s ---", which);
           break;
         }
         case LogStep::kEmptied:
@@ -360,7 +360,7 @@ int run_log(const Arguments& arguments) {
   LogWatch watch;
   if (!folder.valid())
     return fail(kCannotLook, "%s: %s; no daemon of this family ran", kLogFolder, why_not(errno));
-  if (arguments.has('f') && !watch.start(kLogFolder))
+  if (arguments.has('f') && !watch.start(folder.fd()))
     return fail(kCannotLook, "%s cannot be watched", kLogFolder);
   setvbuf(stdout, nullptr, _IOFBF, kOutputBuffer);
 

@@ -12,6 +12,7 @@ namespace {
 
 constexpr int kLooksMax = 100; // a rotation in between each time: somebody renames in a loop
 constexpr unsigned kLostUnknown = 0;
+constexpr int64_t kFileMax = 16 << 20; // many times what a role may have; no size is believed beyond
 
 bool is_file(dev_t device, ino_t inode, const struct stat& status) {
   return status.st_dev == device && status.st_ino == inode;
@@ -19,9 +20,11 @@ bool is_file(dev_t device, ino_t inode, const struct stat& status) {
 
 } // namespace
 
-bool LogWatch::start(const char* folder) {
-  constexpr uint32_t kFolder = IN_ONLYDIR | IN_DONT_FOLLOW;
+bool LogWatch::start(int folder_fd) {
+  constexpr uint32_t kFolder = IN_ONLYDIR;
   constexpr uint32_t kNames = IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF;
+  char folder[40]; // by its descriptor: what has the name may be another one by now
+  snprintf(folder, sizeof(folder), "/proc/self/fd/%d", folder_fd);
   names_ = Fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
   writes_ = Fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
   return names_.valid() && writes_.valid() &&
@@ -91,7 +94,10 @@ void LogChain::look() {
     Fd backup = open_plain(backup_, &backup_status, folder_);
     if (watch_ != nullptr) watch_->take_events();
     if (moves_ != before) continue;
-    if (live.valid() && backup.valid() && same_file(live_status, backup_status)) continue;
+    if (live.valid() && backup.valid() && same_file(live_status, backup_status)) {
+      if (tries + 1 < kLooksMax) continue;
+      backup.reset(); // two names of one file
+    }
     changed_ = false;
     take(static_cast<Fd&&>(live), live_status, static_cast<Fd&&>(backup), backup_status);
     return;
@@ -124,7 +130,7 @@ void LogChain::take(Fd live, const struct stat& live_status, Fd backup,
   const int64_t lost = missed - (first != nullptr ? 1 : 0);
   Held* const last = push(static_cast<Fd&&>(live), live_status, moves_);
   if (first == nullptr) first = last;
-  first->is_lost_before = lost > 0 || unknown;
+  first->is_lost_before = first->is_lost_before || lost > 0 || unknown;
   first->lost_before = unknown ? kLostUnknown : lost > 0 ? static_cast<unsigned>(lost) : 0;
   first->is_anew = missed < 0 && !unknown;
 }
@@ -137,6 +143,10 @@ LogChain::Held* LogChain::push(Fd file, const struct stat& status, int64_t numbe
   held.inode = status.st_ino;
   held.number = number;
   held.fd = file.release();
+  if (status.st_size > kFileMax) {
+    held.offset = lseek(held.fd, status.st_size - kFileMax, SEEK_SET);
+    held.is_lost_before = true;
+  }
   return &held;
 }
 

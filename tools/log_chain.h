@@ -23,8 +23,8 @@ class LogChain;
 // Wakes when something happens in the folder of the logs, and tells its chains what.
 class LogWatch {
  public:
-  // False when there is no folder or no watch to be had.
-  bool start(const char* folder);
+  // False when there is no watch to be had.
+  bool start(int folder_fd);
   int names_fd() const { return names_.get(); }
   int writes_fd() const { return writes_.get(); }
   bool is_gone() const { return gone_; } // the folder

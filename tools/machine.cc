@@ -24,7 +24,8 @@ bool ends_with(const char* text, const char* end) {
 
 // The role in ".../hubd_0.log.txt" or ".../hubd_error_1.log.txt", or null.
 const Role* role_of_log(const char* path) {
-  if (strncmp(path, kLogFolder, strlen(kLogFolder)) != 0) return nullptr;
+  constexpr size_t kFolderLength = sizeof(kLogFolder) - 1;
+  if (strncmp(path, kLogFolder, kFolderLength) != 0 || path[kFolderLength] != '/') return nullptr;
   const char* const name = base_name(path);
   for (const Role& role : kRoles) {
     const size_t length = strlen(role.name);
@@ -37,7 +38,7 @@ const Role* role_of_log(const char* path) {
 }
 
 Daemon* add_daemon(Machine* machine, const char* name) {
-  if (machine->daemon_count == kDaemonsMax) return nullptr;
+  if (machine->daemon_count == kDaemonsMax) return machine->is_cut = true, nullptr;
   Daemon* const daemon = &machine->daemons[machine->daemon_count++];
   snprintf(daemon->name, sizeof(daemon->name), "%s", name);
   return daemon;
@@ -52,37 +53,25 @@ int find_daemon(const Machine& machine, pid_t pid) {
 
 // --- daemons ---
 
-void look_at_pid_files(Machine* machine) {
+// Those of daemons that run, or the others: who plants many of these hides none of those.
+void look_at_pid_files(Machine* machine, bool alive) {
   Folder folder(kRunFolder);
   PidFile file;
   while (const char* const name = folder.next()) {
     if (strlen(name) >= sizeof(file.name)) continue;
     read_pid_file(folder.fd(), name, &file);
     if (file.owner == Owner::kNone || file.owner == Owner::kRefused) continue;
+    if ((file.owner == Owner::kAlive) != alive) continue;
     if (!ends_with(name, ".pid") && file.file.st_size != sizeof(file.pid)) continue;
     Daemon* const daemon = add_daemon(machine, name);
     if (daemon == nullptr) return;
     if (ends_with(daemon->name, ".pid")) daemon->name[strlen(daemon->name) - 4] = '\0';
     daemon->has_pid_file = true;
     daemon->pid_file = file;
-    daemon->runs = file.owner == Owner::kAlive;
+    daemon->runs = alive;
     daemon->process = file.process;
     daemon->role = find_role(daemon->name, strlen(daemon->name));
   }
-}
-
-// The role of the log that the process has open, or null. Processes with mounts of their own can have
-// other files under these names.
-const Role* role_of_process(pid_t pid) {
-  struct stat folder, status;
-  if (!status_of_name(kLogFolder, &folder)) return nullptr;
-  OpenFiles files(pid);
-  OpenFile file;
-  while (files.next(&file)) {
-    const Role* const role = role_of_log(file.target);
-    if (role != nullptr && status_of(file, &status) && status.st_dev == folder.st_dev) return role;
-  }
-  return nullptr;
 }
 
 void look_at_processes(Machine* machine) {
@@ -90,13 +79,13 @@ void look_at_processes(Machine* machine) {
   while (const pid_t pid = processes.next()) {
     const Role* const role = role_of_process(pid);
     Process process;
-    if (role == nullptr || pid == getpid() || !read_process(pid, &process)) continue;
+    if (role == nullptr || !read_process(pid, &process)) continue;
     const int known = find_daemon(*machine, pid);
     // A child has its parent's files, and is no daemon.
     if (known == kNobody && role_of_process(process.parent) == role) continue;
     Daemon* const daemon =
         known != kNobody ? &machine->daemons[known] : add_daemon(machine, process.program);
-    if (daemon == nullptr) return;
+    if (daemon == nullptr) continue;
     daemon->runs = true;
     daemon->process = process;
     daemon->role = role;
@@ -181,7 +170,8 @@ void add_socket(Machine* machine, const char* path, int daemon, bool listens) {
   for (unsigned i = 0; i < machine->socket_count; i++) {
     if (strcmp(machine->sockets[i].path, path) == 0) return;
   }
-  if (machine->socket_count == kThingsMax || strlen(path) >= sizeof(SocketThing::path)) return;
+  if (strlen(path) >= sizeof(SocketThing::path)) return;
+  if (machine->socket_count == kThingsMax) return void(machine->is_cut = true);
   SocketThing& it = machine->sockets[machine->socket_count++];
   snprintf(it.path, sizeof(it.path), "%s", path);
   it.daemon = daemon;
@@ -189,6 +179,7 @@ void add_socket(Machine* machine, const char* path, int daemon, bool listens) {
   const uint32_t start = monotonic_us();
   it.error = connect_now(path).valid() ? 0 : errno;
   it.microseconds = monotonic_us() - start;
+  if (it.error == EPROTOTYPE) machine->socket_count--; // of another kind, and not of this family
 }
 
 // Whether a plain file begins as a store does.
@@ -203,7 +194,7 @@ StoreThing* add_store(Machine* machine, const char* path, const struct stat& fil
   for (unsigned i = 0; i < machine->store_count; i++) {
     if (same_file(machine->stores[i].file, file)) return nullptr;
   }
-  if (machine->store_count == kThingsMax) return nullptr;
+  if (machine->store_count == kThingsMax) return machine->is_cut = true, nullptr;
   StoreThing& it = machine->stores[machine->store_count++];
   snprintf(it.path, sizeof(it.path), "%s", path);
   it.file = file;
@@ -224,10 +215,10 @@ void judge_store(StoreThing* it) {
 // A store that the process has open for writing.
 void look_at_open_file(Machine* machine, const OpenFile& file, int daemon) {
   constexpr char kDeleted[] = " (deleted)";
-  struct stat status, link, named;
+  struct stat status, named;
   if (!status_of(file, &status) || !S_ISREG(status.st_mode) || role_of_log(file.target) != nullptr)
     return;
-  if (!status_of_name(file.link, &link) || (link.st_mode & S_IWUSR) == 0) return;
+  if (!is_written(file)) return;
   const bool deleted = ends_with(file.target, kDeleted) && status.st_size == kStoreSize;
   if (!deleted &&
       (!is_store(file.target) || !status_of_name(file.target, &named) || !same_file(status, named)))
@@ -264,7 +255,7 @@ void look_at_folder(Machine* machine, const char* path, bool deeper) { // NOLINT
   while (const char* const name = folder.next()) {
     char full[kPathSize];
     struct stat status;
-    if (++entries > kFolderEntriesMax) return;
+    if (++entries > kFolderEntriesMax) return void(machine->is_cut = true);
     if (!status_of_name(name, &status, folder.fd())) continue;
     if (snprintf(full, sizeof(full), "%s/%s", path, name) >= static_cast<int>(sizeof(full))) continue;
     if (S_ISDIR(status.st_mode) && deeper) {
@@ -280,9 +271,23 @@ void look_at_folder(Machine* machine, const char* path, bool deeper) { // NOLINT
 
 } // namespace
 
+const Role* role_of_process(pid_t pid) {
+  struct stat folder, status;
+  if (!status_of_name(kLogFolder, &folder)) return nullptr;
+  OpenFiles files(pid);
+  OpenFile file;
+  while (files.next(&file)) {
+    const Role* const role = role_of_log(file.target);
+    if (role != nullptr && status_of(file, &status) && status.st_dev == folder.st_dev && is_written(file))
+      return role;
+  }
+  return nullptr;
+}
+
 void look_at_machine(const Arguments& arguments, Machine* machine) {
-  look_at_pid_files(machine);
+  look_at_pid_files(machine, true);
   look_at_processes(machine);
+  look_at_pid_files(machine, false);
   look_at_lone_logs(machine);
   sort_daemons(machine);
   look_at_logs(machine);

@@ -57,7 +57,12 @@ struct Machine {
   unsigned socket_count;
   StoreThing stores[kThingsMax];
   unsigned store_count;
+  bool is_cut; // there was more than fits here
 };
+
+// The role of the log that the process writes, or null. Who only reads one is no daemon, and processes
+// with mounts of their own can have other files under these names.
+const Role* role_of_process(pid_t pid);
 
 // Looks at everything, into the folders that the words name too.
 void look_at_machine(const Arguments& arguments, Machine* machine);

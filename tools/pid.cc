@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "command.h"
+#include "machine.h"
 #include "output.h"
 #include "pid_file.h"
 
@@ -19,16 +20,6 @@ bool is_named(const Process& process, const char* name) {
       dot != nullptr && strcmp(dot, ".pid") == 0 ? static_cast<size_t>(dot - name) : strlen(name);
   if (length > 15) length = 15;
   return strlen(process.program) == length && strncmp(process.program, name, length) == 0;
-}
-
-// A daemon of this family has its log open, whatever its program and its pid file are called.
-bool holds_a_log(pid_t pid) {
-  OpenFiles files(pid);
-  OpenFile file;
-  while (files.next(&file)) {
-    if (strncmp(file.target, kLogFolder, strlen(kLogFolder)) == 0) return true;
-  }
-  return false;
 }
 
 } // namespace
@@ -49,7 +40,8 @@ void read_pid_file(int folder, const char* name, PidFile* file) {
   }
   file->owner = Owner::kGone;
   if (!read_process(file->pid, &file->process)) return;
-  const bool own = is_named(file->process, name) || holds_a_log(file->pid);
+  // A daemon of this family writes its log, whatever its program and its pid file are called.
+  const bool own = is_named(file->process, name) || role_of_process(file->pid) != nullptr;
   file->owner = own ? Owner::kAlive : Owner::kForeign;
 }
 

@@ -91,17 +91,20 @@ bool status_of(const OpenFile& file, struct stat* status) {
   return fstatat(AT_FDCWD, file.link, status, 0) == 0;
 }
 
+bool is_written(const OpenFile& file) {
+  struct stat link;
+  return status_of_name(file.link, &link) && (link.st_mode & S_IWUSR) != 0;
+}
+
 namespace {
 
 bool holds(pid_t pid, const char* name, const struct stat& file) {
   OpenFiles files(pid);
   OpenFile open_file;
   while (files.next(&open_file)) {
-    struct stat status, link;
+    struct stat status;
     if (strncmp(base_name(open_file.target), name, strlen(name)) != 0) continue;
-    if (!status_of(open_file, &status) || !same_file(status, file)) continue;
-    // The link's mode tells what it was opened for.
-    if (status_of_name(open_file.link, &link) && (link.st_mode & S_IWUSR) != 0) return true;
+    if (status_of(open_file, &status) && same_file(status, file) && is_written(open_file)) return true;
   }
   return false;
 }

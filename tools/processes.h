@@ -52,6 +52,9 @@ class OpenFiles {
   Folder files_;
 };
 
+// Whether it was opened for writing, which the mode of its link tells.
+bool is_written(const OpenFile& file);
+
 // What a link of OpenFile leads to. False for what is no file on a disk: nothing else is asked, since
 // that could wait.
 bool status_of(const OpenFile& file, struct stat* status);

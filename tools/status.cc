@@ -1,6 +1,7 @@
 // quillctl status: one line a daemon.
 #include <quillcore/api.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -46,7 +47,7 @@ void fill_columns(const Daemon& daemon, Columns* out) {
 
 void fill_socket(const SocketThing& it, char (&answer)[32]) {
   if (it.error != 0) {
-    snprintf(answer, sizeof(answer), "%s", it.listens ? "hangs" : "dead");
+    snprintf(answer, sizeof(answer), "%s", it.error == EACCES ? "?" : it.listens ? "hangs" : "dead");
   } else {
     snprintf(answer, sizeof(answer), "%sms", short_ms(it.microseconds));
   }
@@ -115,6 +116,7 @@ struct Advice {
   const char* command; // of quillctl
   const char* about;
   const char* options;
+  bool wrong = true; // or only a place to look at
 };
 
 // The worst first: what is down, what is damaged, what hangs, what logs errors, what lies about.
@@ -134,23 +136,9 @@ Advice next_step(const Machine& machine) {
   }
   for (unsigned i = 0; i < machine.daemon_count; i++) {
     if (machine.daemons[i].errors > 0)
-      return {"log ", machine.daemons[i].role->name, " --since 1m --level GEF"};
+      return {"log ", machine.daemons[i].role->name, " --since 1m --level GEF", false};
   }
-  return {"doctor", "", ""};
-}
-
-bool is_wrong(const Machine& machine) {
-  for (unsigned i = 0; i < machine.daemon_count; i++) {
-    if (is_down(machine.daemons[i])) return true;
-  }
-  for (unsigned i = 0; i < machine.store_count; i++) {
-    const StoreThing& it = machine.stores[i];
-    if (it.faults > 0 || it.refusal != nullptr || it.deleted || it.holder_count > 1) return true;
-  }
-  for (unsigned i = 0; i < machine.socket_count; i++) {
-    if (machine.sockets[i].error != 0) return true;
-  }
-  return false;
+  return {"doctor", "", "", false};
 }
 
 void print_status(const Machine& machine) {
@@ -162,6 +150,7 @@ void print_status(const Machine& machine) {
     down += is_down(machine.daemons[i]);
   }
   print_rows(machine, nullptr);
+  if (machine.is_cut) puts("... more than can be shown");
   const Advice advice = next_step(machine);
   printf("%u daemon%s, %u down; libquillcore " QN_VERSION "; next: quillctl ", machine.daemon_count,
          machine.daemon_count == 1 ? "" : "s", down);
@@ -191,6 +180,7 @@ void json_status(const Machine& machine) {
   Json json;
   json.open('{');
   json.text("version", QN_VERSION);
+  json.flag("cut", machine.is_cut);
   json.open('[', "daemons");
   for (unsigned i = 0; i < machine.daemon_count; i++) json_daemon(&json, machine.daemons[i]);
   json.close(']');
@@ -234,7 +224,7 @@ int run_status(const Arguments& arguments) {
   } else {
     print_status(*machine);
   }
-  return is_wrong(*machine) ? kFoundWrong : kFine;
+  return next_step(*machine).wrong ? kFoundWrong : kFine;
 }
 
 } // namespace ctl
