@@ -49,6 +49,34 @@ quietly() {
   }
 }
 
+# Packages for 32-bit ARM out of the archive that this machine takes its own from, with lists and a cache below a
+# folder: no foreign architecture is added and no file of apt is touched.
+
+# begin_armhf_apt FOLDER: the lists; packages will go to FOLDER/archives.
+begin_armhf_apt() {
+  local suite archive=''
+  armhf=$1
+  mkdir -p "$armhf/lists/partial" "$armhf/archives/partial"
+  suite=$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)
+  archive=$(awk '/^URIs:/ { print $2; exit }' /etc/apt/sources.list.d/debian.sources 2>/dev/null) ||
+    archive=$(awk '$1 == "deb" { for (i = 2; i <= NF; i++) if ($i ~ /:\/\//) { print $i; exit } }' /etc/apt/sources.list)
+  [[ -n $archive ]] || die "no Debian archive in apt's sources"
+  echo "deb [arch=armhf signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] $archive $suite main" >"$armhf/armhf.list"
+  armhf_apt apt-get update
+}
+
+# armhf_apt PROGRAM ARGUMENT...: a program of apt's, in the folder of archives.
+armhf_apt() {
+  local program=$1
+  shift
+  (cd "$armhf/archives" && "$program" -q \
+    -o APT::Architecture=armhf -o APT::Architectures=armhf -o APT::Sandbox::User=root \
+    -o Dir::Etc::sourcelist="$armhf/armhf.list" -o Dir::Etc::sourceparts=/dev/null -o Dir::Etc::main=/dev/null \
+    -o Dir::State::lists="$armhf/lists" -o Dir::State::status=/dev/null \
+    -o Dir::Cache::archives="$armhf/archives" -o Dir::Cache::pkgcache='' -o Dir::Cache::srcpkgcache='' \
+    -o Acquire::Languages=none "$@")
+}
+
 # configure_target TARGET FOLDER OPTION...: a build as it ships; scripts/musl-root has made MUSL_ROOT.
 configure_target() {
   local target=$1 folder=$2
