@@ -7,8 +7,8 @@
 # fill BLOCK FILE
 fill() { dd if=/dev/urandom of="/mnt/$2" bs="$1" >/dev/null 2>&1; }
 
-# keys_of FILE: KEY=VALUE lines of the settings without those of the file's keys.
-others() { awk -F = 'NR == FNR { known[$1]; next } !($1 in known)' "$1" "$2"; }
+# others FILE SETTINGS: the lines of the settings whose keys the file has not.
+others() { awk -F = 'FILENAME == ARGV[1] { known[$1]; next } !($1 in known)' "$1" "$2"; }
 
 again() {
   hubd_killed
@@ -42,7 +42,7 @@ ctl verify /tmp/kept >/tmp/verified
 row "after SIGKILL: the refused ones, as before" "$(tail -n 1 /tmp/verified)"
 # A refused change may have got to the disk with a later one: then it is whole, too.
 sed -n 's/: another value$//p' /tmp/err >/tmp/changed
-others /tmp/acked /tmp/new | awk -F = 'NR == FNR { changed[$1]; next } $1 in changed' /tmp/changed - >/tmp/got
+others /tmp/acked /tmp/new | awk -F = 'FILENAME == ARGV[1] { changed[$1]; next } $1 in changed' /tmp/changed - >/tmp/got
 [ ! -s /tmp/got ] || verified "of these with the new value" /tmp/got
 
 rm /mnt/ballast /mnt/ballast2
