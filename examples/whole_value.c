@@ -47,8 +47,7 @@ static int whole_get(kvstore_t* store, const char* name, whole_t* newest) {
   return 1;
 }
 
-// Returns 0 when the value is on disk, else errno's reason; the one before it stays then, until a
-// restart.
+// Returns 0 when it is on disk, else errno's reason; the value before it stays then, up to a restart.
 static int whole_put(kvstore_t* store, const char* name, const void* value, size_t len) {
   whole_t now, next = {.len = (uint32_t)len};
   if (len > WHOLE_MAX || strlen(name) > QN_KVS_KEY_MAX - 2) return EINVAL;

@@ -155,10 +155,8 @@ static const char* fate(const change_t* change, int len, const uint8_t* bytes) {
   const change_t* old = &model[change->key];
   if (is_value(change, len, bytes)) return "made";
   if (is_value(old, len, bytes)) return "not made";
-  if (change->kind == LONGER && len == -1) return "between two classes";
-  if (change->kind == NEW || ((change->kind == LONGER || change->kind == SHORTER) && len != -1)) {
-    return "torn: what its slot held";
-  }
+  if (len == -1) return change->kind == LONGER ? "between two classes" : NULL;
+  if (change->kind != SAME && change->kind != GONE) return "torn: what its slot held";
   if (change->kind != SAME || len != (int)change->len) return NULL;
   uint8_t mixed[QN_KVS_VALUE_MAX] = {0};
   memcpy(mixed, bytes_of(old->n, old->len), old->len);
@@ -174,21 +172,24 @@ static uint32_t whole_after(uint32_t n) {
   return phase < PUTS ? n : phase == PUTS ? n - 2 : 0;
 }
 
+// What became of a change of a whole value: it must be whole, the new one or the one before, if there was
+// one.
 static const char* whole_fate(const change_t* change) {
-  uint8_t bytes[QN_KVS_VALUE_MAX];
+  static uint8_t bytes[QN_KVS_VALUE_MAX];
   whole_t ignored;
   qn_str_t key = key_of(change);
-  char* end = key.data + key.len;
-  int torn = 0;
-  if (is_whole(key.data, whole_after(change->n))) return "made";
-  if (!is_whole(key.data, change->n / 2 % ROUND == 0 ? 0 : whole_after(change->n - 2))) return NULL;
+  const uint32_t after = whole_after(change->n);
+  const uint32_t before = change->n / 2 % ROUND == 0 ? 0 : whole_after(change->n - 2);
+  if (is_whole(key.data, after)) return after != before ? "made" : "the newer key stays";
+  if (!is_whole(key.data, before)) return NULL;
   for (int which = 0; which < 2; which++) {
-    const int is_broken = !whole_read(store, key.data, which, &ignored);
-    const uint32_t len = key.len + (uint32_t)sprintf(end, ".%d", which);
-    torn += is_broken && read_key((qn_str_t){len, key.data}, bytes) >= 0;
-    *end = '\0';
+    if (whole_read(store, key.data, which, &ignored)) continue;
+    const int more = sprintf(key.data + key.len, ".%d", which);
+    if (read_key((qn_str_t){key.len + (uint32_t)more, key.data}, bytes) >= 0)
+      return "key torn, value whole";
+    key.data[key.len] = '\0';
   }
-  return torn != 0 ? "its key torn, the value before it whole" : "not made";
+  return "not made";
 }
 
 static int verify(uint32_t acked) {
