@@ -68,7 +68,13 @@ int32_t handle_pair(const qn_msg_req_t* req, void** rsp_body, uint32_t* rsp_len)
   // Asked first: a pair that has no bridge to go to is not made.
   if (!QnBridgeIsExist(bridge)) return HUB_REFUSE(HUB_ERR_PAIR, "%.15s is no bridge", bridge);
   if (QnIntfCreateVEthPair(name, peer) != 0) {
-    return HUB_REFUSE(HUB_ERR_PAIR, "%.15s and %.15s could not be made", name, peer);
+    return HUB_REFUSE(HUB_ERR_PAIR, "%.15s and %.15s could not be made: ip's standard error tells why",
+                      name, peer);
+  }
+  // The ip of busybox names the peer as it likes, and ends well.
+  if (!QnIntfIsExist(peer)) {
+    return HUB_REFUSE(HUB_ERR_PAIR, "%.15s is made without %.15s: it takes iproute2's ip, not busybox's",
+                      name, peer);
   }
   // 0 does not prove that the port is on this bridge: it may be on another already.
   if (QnIntfAddIfToBridge(bridge, name) == 0 && QnIntfIsOnBridge(bridge, name)) return 0;

@@ -79,9 +79,14 @@ QN_API int32_t QnIntfGetNameByPortNo(const char* bridge_name, uint32_t port_no, 
 // Reads the counters. One that cannot be read is 0, which cannot be told from a real 0.
 QN_API void QnIntfGetEthMetric(const char* intf_name, qn_intf_eth_metric_t* metric);
 
-// Makes a pair of virtual Ethernet interfaces with the command `ip` and brings both ends up.
-// Returns 0 when the pair was made, also if bringing an end up failed; -1 when `ip` could not be started,
+// Makes a pair of virtual Ethernet interfaces with the command `ip`, found along PATH, and brings both
+// ends up. It takes the `ip` of iproute2 (on OpenWrt the package ip-full) and the kernel's veth.
+// Returns 0 when `ip` has made it, also if bringing an end up failed; -1 when `ip` could not be started,
 // failed or was killed, or a name is null. Waits for `ip` without a time limit.
+//
+// The `ip` of busybox makes a pair, too, and ends with status 0, but gives the peer a name of the
+// kernel's, "veth0" for example. Then the result is 0, "Failed to get device PEER flags, errno:19" is
+// printed, and `peer_name` is not there: ask QnIntfIsExist() for it.
 QN_API int32_t QnIntfCreateVEthPair(const char* intf_name, const char* peer_name);
 
 // Makes the interface a port of the bridge.

@@ -41,7 +41,11 @@
 //                          an open after the first was deleted or moved to a place behind it
 //   delete                 the old value; absent
 //
-// A disk that reorders the parts of one write can leave any mixture of these. A file whose creation was
+// A disk that reorders the parts of one write can leave any mixture of these. On flash none of this is
+// rare: key and value lie on different pages of the file, and of the power cuts that hit a new or a moved
+// key about one in three left it with what its slot held before. docs/whole-values.md shows a way around.
+//
+// A file whose creation was
 // cut short before its first sector was written has no magic or is too short; it is refused at every
 // later open (463, 464, 480) and never repaired or deleted here: remove it by hand to start afresh. One
 // cut short later opens as an empty store. A creation that fails is another matter: the file that it has

@@ -7,6 +7,14 @@
 # fill BLOCK FILE
 fill() { dd if=/dev/urandom of="/mnt/$2" bs="$1" >/dev/null 2>&1; }
 
+# whole STATUS TEXT [NEW]: what the example of a value that must be whole says, and its status.
+whole() {
+  status=$1 want=$2
+  shift 2
+  text=$(try whole_value /mnt/whole.kvs "$@")
+  [ "$?,$text" = "$status,$want" ] || die "the whole value: '$text', not '$want' with status $status"
+}
+
 # others FILE SETTINGS: the lines of the settings whose keys the file has not.
 others() { awk -F = 'FILENAME == ARGV[1] { known[$1]; next } !($1 in known)' "$1" "$2"; }
 
@@ -22,6 +30,7 @@ sed -e 'h; s/^[^=]*=//' -e 'y/abcdefghijklmnopqrstuvwxyz0123456789/bcdefghijklmn
 flash_up "$1" fresh
 hubd_up
 ctl load /tmp/old >/dev/null || die load
+whole 0 before before
 free=$(free_on_flash)
 fill 65536 ballast
 sync
@@ -34,6 +43,10 @@ refused=$(grep -c 'refused, .* code 5: not on disk: No space left on device' /tm
 acked=$(wc -l </tmp/acked)
 [ $((acked + refused)) = "$(wc -l </tmp/new)" ] || die "$acked acknowledged, $refused refused for room"
 row "puts" "$acked acknowledged, $refused refused: $(grep -om 1 'not on disk: .*' /tmp/err)"
+whole 1 before after
+grep -q 'not stored: No space left on device' /tmp/err || die "no reason for the whole value"
+whole 0 before
+row "a whole value on it" "refused, and the one before stays"
 verified "the daemon goes on, with the new values" /tmp/new
 again
 [ "$acked" = 0 ] || verified "after SIGKILL: the acknowledged ones" /tmp/acked
@@ -47,6 +60,7 @@ others /tmp/acked /tmp/new | awk -F = 'FILENAME == ARGV[1] { changed[$1]; next }
 
 rm /mnt/ballast /mnt/ballast2
 ctl load /tmp/new >/tmp/acked || die "load with room again: $(tail -n 1 /tmp/err)"
+whole 0 after after
 row "with room again" "$(wc -l </tmp/acked) acknowledged"
 again
 verified "after SIGKILL" /tmp/new

@@ -32,6 +32,13 @@ network() {
   row "bridge with two pairs" "up, and the child sees 6 interfaces"
 }
 
+# hubd has been started with busybox's ip in front of the right one.
+wrong_ip() {
+  ! ctl pair leaf2 peer2 mesh0 || die "busybox's ip makes pairs?"
+  grep -q "takes iproute2's ip" /tmp/err || die "no word of ip"
+  row "where ip is busybox's" "$(sed 's/.*: refused, .*code 8: //' /tmp/err)"
+}
+
 child_is() { ctl child status | grep -q "$1"; }
 
 child() {
@@ -74,8 +81,13 @@ memory
 [ ! -e /sbin/ip ] || network
 child
 hubd_killed
+mkdir /tmp/busybox
+ln -s /bin/busybox /tmp/busybox/ip
+PATH=/tmp/busybox:$PATH
 hubd_up
+PATH=${PATH#*:}
 verified "after SIGKILL of hubd" /router.conf
+[ ! -e /sbin/ip ] || wrong_ip
 hubd_stopped
 umount /mnt || die umount
 mount_flash
