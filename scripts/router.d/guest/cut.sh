@@ -2,8 +2,8 @@
 # cut.sh SYSTEM,AGE,SEED,ACKED,WHEN,STORES: what a power cut left is checked, then changes are made until the next one.
 # AGE is fresh for a new file system, anew for a new store on it, kept for both as they are. ACKED changes and STORES
 # new stores were acknowledged. WHEN it is `creation`, stores are made, else changes of one.
-# shellcheck source-path=SCRIPTDIR source=lib.sh
-. /lib.sh
+# shellcheck source-path=SCRIPTDIR source=common.sh
+. /common.sh
 
 # Each new store got a text of its own. One behind the acknowledged ones may be absent, refused, empty, or whole.
 check_stores() {

@@ -1,7 +1,7 @@
 #!/bin/sh
 # The C driver, on a router's own kernel.
-# shellcheck source-path=SCRIPTDIR source=lib.sh
-. /lib.sh
+# shellcheck source-path=SCRIPTDIR source=common.sh
+. /common.sh
 
 modprobe -a bridge veth dummy || die "no modules of the network"
 try abi_test >/tmp/driver

@@ -1,8 +1,8 @@
 #!/bin/sh
 # full.sh KIND: the store on a file system that something else has filled. Each put must be answered by what has
 # happened to it: an acknowledged one is there after SIGKILL, a refused one names the reason.
-# shellcheck source-path=SCRIPTDIR source=lib.sh
-. /lib.sh
+# shellcheck source-path=SCRIPTDIR source=common.sh
+. /common.sh
 
 # fill BLOCK FILE
 fill() { dd if=/dev/urandom of="/mnt/$2" bs="$1" >/dev/null 2>&1; }

@@ -1,8 +1,8 @@
 #!/bin/sh
 # store.sh KIND: hubd with its store on a new file system: settings, interfaces, its child, ends of both kinds, a log
 # that rotates, and what all that takes of memory; at last another process takes all memory.
-# shellcheck source-path=SCRIPTDIR source=lib.sh
-. /lib.sh
+# shellcheck source-path=SCRIPTDIR source=common.sh
+. /common.sh
 
 memory() {
   row "hubd: resident, its own, threads" \
