@@ -45,11 +45,11 @@
 // rare: key and value lie on different pages of the file, and of the power cuts that hit a new or a moved
 // key about one in three left it with what its slot held before. docs/whole-values.md shows a way around.
 //
-// A file whose creation was cut short before its first sector was written has no magic or is too short; it
-// is refused at every later open (463, 464, 480) and never repaired or deleted here: remove it by hand to
-// start afresh. One cut short later opens as an empty store. A creation that fails is another matter: the
-// file that it has made goes again with the failing qn_kvs_open(), or, if that has given 0 though nothing
-// could be written, with the qn_kvs_close() of a store of which nothing ever was.
+// A file whose creation was cut short before its first sector was written has no magic or is too short;
+// it is refused at every later open (463, 464, 480) and never repaired or deleted here: remove it by hand
+// to start afresh. One cut short later opens as an empty store. A creation that fails is another matter:
+// the file that it has made goes again with the failing qn_kvs_open(), or, if that has given 0 though
+// nothing could be written, with the qn_kvs_close() of a store of which nothing ever was.
 #ifndef QUILLCORE_STORE_H
 #define QUILLCORE_STORE_H
 
