@@ -36,7 +36,7 @@ network() {
 wrong_ip() {
   ! ctl pair leaf2 peer2 mesh0 || die "busybox's ip makes pairs?"
   grep -q "takes iproute2's ip" /tmp/err || die "no word of ip"
-  row "where ip is busybox's" "$(sed 's/.*: refused, .*code 8: //' /tmp/err)"
+  row "where ip is busybox's" "$(sed -n 's/.*: refused, .*code 8: //p' /tmp/err)"
 }
 
 child_is() { ctl child status | grep -q "$1"; }
