@@ -15,9 +15,9 @@
 // and never served by a process that has closed its standard input: step 0 of docs/bring-up.md.
 //
 // A connection is not for the programs that the process starts, and fork() waits until that is arranged.
-// posix_spawn(), and system() and popen() of most C libraries, do not: what they start from another thread
-// at the moment of an accept can keep the connection open. A program that lives long is better started by
-// fork() and exec, or by qn_proc_child_start().
+// posix_spawn(), and system() and popen() of most C libraries, do not: what they start from another
+// thread at the moment of an accept can keep the connection open. A program that lives long is better
+// started by fork() and exec, or by qn_proc_child_start().
 //
 // Threads: a service has one detached thread that runs its handlers one at a time; a handler that
 // blocks, blocks its service. Handlers of different services run at once. SIGPIPE should be ignored in
