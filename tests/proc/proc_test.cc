@@ -2,8 +2,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <quillcore/log.h>
-#include <quillcore/memory.h>
 #include <quillcore/process.h>
 #include <quillcore/utility.h>
 #include <sched.h>
@@ -14,7 +12,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -267,43 +264,6 @@ TEST(Child, TellsItsEndBesideOtherThreadsThatFork) {
   close(hold[0]);
   pthread_barrier_destroy(&barrier);
   alarm(0);
-}
-
-// Only the forking thread goes on in a child; a lock that another thread held would be locked for ever. A
-// child that hangs is met by the alarm.
-TEST(Child, DoesNotHangBesideBusyThreads) {
-  in_own_namespace([] {
-    alarm(kDeadlineSeconds);
-    const StderrCapture capture;
-    ASSERT_EQ(0, qn_log_new_singleton_instance(0, 5, 0));
-    std::atomic<bool> stop{false};
-    std::vector<std::thread> threads;
-    for (int thread = 0; thread < 4; thread++) {
-      threads.emplace_back([&stop] {
-        while (!stop) {
-          qn_log_core_adpater(QN_LOG_E, 1, "m", 1, 1, "b", "text");
-          qn_free(qn_alloc(100));
-          free(malloc(200000)); // past the per-thread caches of the heap
-        }
-      });
-    }
-    for (int i = 0; i < 20; i++) {
-      qn_child_proc_t child = {};
-      // Leaves by _exit(): what the other threads held stays behind in this process by intent.
-      child.entry = [](void*) -> int32_t {
-        qn_log_core_adpater(QN_LOG_E, 1, "m", 1, 1, "b", "child");
-        qn_free(qn_alloc(4096));
-        _exit(0);
-      };
-      EXPECT_EQ(0, qn_proc_child_start(&child));
-      close(child.read_fd), close(child.write_fd);
-      EXPECT_EQ(0, status_of(child.pid));
-      EXPECT_EQ(0, qn_os_exec_cmd("exit 0"));
-    }
-    stop = true;
-    for (std::thread& thread : threads) thread.join();
-    qn_log_free_singleton_instance();
-  });
 }
 
 // --- programs ---

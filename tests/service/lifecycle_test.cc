@@ -8,7 +8,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <memory>
 #include <semaphore>
 
@@ -21,33 +20,24 @@
 
 namespace {
 
-enum : uint8_t { kEcho = 1, kHold, kThread };
+enum : uint8_t { kEcho = 1, kHold };
 
 // A handler may wait here until the test lets it go on.
 struct Meeting {
+  pthread_t thread = {};
   std::counting_semaphore<> entered{0};
   std::counting_semaphore<> leave{0};
 };
 
 int32_t hold(const qn_msg_req_t* req, void**, uint32_t*) {
   Meeting& meeting = *static_cast<Meeting*>(req->ctx);
+  meeting.thread = pthread_self();
   meeting.entered.release();
   return meeting.leave.acquire(), 0;
 }
 
-struct Thread {
-  pthread_t self;
-  pid_t id;
-};
-
-int32_t tell_thread(const qn_msg_req_t*, void** rsp_body, uint32_t* rsp_len) {
-  const Thread told = {pthread_self(), gettid()};
-  return answer({reinterpret_cast<const char*>(&told), sizeof(told)}, rsp_body, rsp_len);
-}
-
 const std::vector<qn_api_entry_t> kRows = {{kSource, kEcho, echo, nullptr},
-                                           {kSource, kHold, hold, nullptr},
-                                           {kSource, kThread, tell_thread, nullptr}};
+                                           {kSource, kHold, hold, nullptr}};
 
 void expect_served(const Client& client) {
   EXPECT_EQ(response(kEcho, 1, "ping"), client.call(request(kEcho, 1, "ping")));
@@ -88,19 +78,16 @@ TEST_F(Lifecycle, RefusesAMissingCycleOrConfiguration) {
 }
 
 TEST_F(Lifecycle, StopTakesEffectBehindOneMoreEvent) {
-  struct sigaction interrupt = {}, before;
-  interrupt.sa_handler = [](int) {};
-  sigaction(SIGUSR1, &interrupt, &before);
-  for (const std::string wake : {"request", "close", "connection", "signal"}) {
+  for (const std::string wake : {"request", "close", "connection"}) {
     SCOPED_TRACE(wake);
     const GateAt debug(QN_LOG_D);
     StderrCapture capture;
-    Thread thread, told = {};
-    start(&thread.self);
+    pthread_t thread;
+    start(&thread);
     auto other = connect();
-    const std::string body = other->call(request(kThread, 1)).substr(sizeof(qn_msg_hdr_t));
-    body.copy(reinterpret_cast<char*>(&told), sizeof(told));
-    EXPECT_TRUE(pthread_equal(thread.self, told.self));
+    hold_service();
+    let_go();
+    EXPECT_TRUE(pthread_equal(thread, meeting_.thread));
     EXPECT_TRUE(eventually([&] { return capture.brief().ends_with("437"); })) << "it sleeps again";
 
     const qn_service_t* const record = services_.cycle()->services[0];
@@ -108,8 +95,6 @@ TEST_F(Lifecycle, StopTakesEffectBehindOneMoreEvent) {
     if (wake == "request") expect_served(*other);
     if (wake == "close") other->hang_up();
     if (wake == "connection") other = connect();
-    if (wake == "signal")
-      EXPECT_TRUE(eventually([&] { return tgkill(getpid(), told.id, SIGUSR1) != 0; }));
     ASSERT_TRUE(services_.ended());
     for (const uint32_t logid : {583, 543, 585, 586})
       EXPECT_EQ(1u, capture.records(logid).size()) << logid;
@@ -121,7 +106,6 @@ TEST_F(Lifecycle, StopTakesEffectBehindOneMoreEvent) {
     first_.reset(), other.reset();
     ASSERT_TRUE(services_.end());
   }
-  sigaction(SIGUSR1, &before, nullptr);
 }
 
 TEST_F(Lifecycle, StopLeavesTheRestOfABatchUnserved) {
