@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <quillcore/log.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,6 +15,7 @@
 #include "kvs/store_model.h"
 #include "platform/standard_streams.h"
 #include "support/capture.h"
+#include "support/main.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -152,9 +152,7 @@ TEST(StoreOpen, KeepsItsDescriptorAboveTheStandardStreams) {
         holds = holds && (fcntl(fd, F_GETFD) == 0) == (fd == STDOUT_FILENO);
       _exit(holds ? 0 : 1);
     }
-    int status = -1;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    EXPECT_EQ(0, status);
+    EXPECT_EQ(0, status_of(child));
   }
   EXPECT_EQ("qnkv8deea96c7bc2b089429s", read_file(dir.file("a")).substr(0, 24));
 }

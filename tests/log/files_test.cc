@@ -6,7 +6,6 @@
 #include <quillcore/log.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -23,6 +22,7 @@
 #include "log/rolling_file.h"
 #include "platform/standard_streams.h"
 #include "support/capture.h"
+#include "support/main.h"
 #include "support/own_namespace.h"
 #include "support/temp_dir.h"
 
@@ -303,7 +303,7 @@ TEST(LogThreads, MayForkWhileAChangeCannotPrint) {
       while (read_file(state).find(") S ") == std::string::npos) continue;
       const pid_t child = fork();
       if (child == 0) _exit(0);
-      EXPECT_EQ(child, waitpid(child, nullptr, 0));
+      status_of(child);
       dup2(kept, STDERR_FILENO);
       close(ends[1]);
       char bytes[4096];
@@ -346,9 +346,7 @@ TEST(LogThreads, FindTheirLocksTakenByAForkAndFreeOnBothSides) {
     qn::permission_maps_each_lock(take_note);
     const pid_t child = fork();
     if (child == 0) _exit(count_held());
-    int status = -1;
-    EXPECT_EQ(child, waitpid(child, &status, 0));
-    EXPECT_EQ(0, status);
+    EXPECT_EQ(0, status_of(child));
     EXPECT_EQ(0, count_held());
     EXPECT_EQ(9, g_held_in_fork);
     g_locks.clear();
@@ -385,7 +383,7 @@ TEST_P(BusyLog, MayBeLoggedToForkedAndChangedAtOnce) {
         qn_log_println(QN_LOG_E, 1, "m", "b", "child");
         _exit(0);
       }
-      EXPECT_EQ(child, waitpid(child, nullptr, 0));
+      EXPECT_EQ(0, status_of(child));
     }
     stop = true;
     for (std::thread& thread : threads) thread.join();

@@ -9,18 +9,17 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <functional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "support/capture.h"
+#include "support/main.h"
 #include "support/own_namespace.h"
 #include "support/temp_dir.h"
 
@@ -64,13 +63,8 @@ void tell(const std::string& file, const std::string& text) {
 bool run(const std::string& command) { return system((command + " >/dev/null 2>&1").c_str()) == 0; }
 
 // The kernel brings the operational state up to date behind the change of the flags.
-bool reaches_state(const std::string& intf_name, int32_t state) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (QnIntfGetOperState(intf_name.c_str()) != state) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::yield();
-  }
-  return true;
+bool reaches_state(const char* intf_name, int32_t state) {
+  return eventually([=] { return QnIntfGetOperState(intf_name) == state; });
 }
 
 TEST(Interfaces, ThatAreNoneGiveTheDocumentedAnswers) {

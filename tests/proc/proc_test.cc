@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "support/capture.h"
+#include "support/main.h"
 #include "support/own_namespace.h"
 #include "support/temp_dir.h"
 
@@ -29,12 +30,6 @@ constexpr unsigned int kDeadlineSeconds = 120;
 constexpr char kPidFile[] = "/tmp/quillnet/x.pid";
 
 std::string pid_bytes(int32_t pid) { return {reinterpret_cast<const char*>(&pid), sizeof(pid)}; }
-
-int status_of(pid_t child) {
-  int status = -1;
-  EXPECT_EQ(child, waitpid(child, &status, 0));
-  return status;
-}
 
 // --- pid files ---
 

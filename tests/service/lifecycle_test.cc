@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <memory>
@@ -205,9 +204,7 @@ TEST_F(Lifecycle, ChildrenOfForkGetNoConnectionAcrossExecAndNoLock) {
       for (int fd = 0; fd < 1000; fd++) kept += !inherited.contains(fd) && fcntl(fd, F_GETFD) == 0;
       _exit(kept);
     }
-    int status = -1;
-    waitpid(child, &status, 0);
-    ASSERT_EQ(0, status) << i;
+    ASSERT_EQ(0, status_of(child)) << i;
   }
 }
 

@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <deque>
 #include <filesystem>
 #include <functional>
@@ -24,17 +23,6 @@
 #include "service/service.h"
 #include "support/main.h"
 #include "support/temp_dir.h"
-
-// Asks until the condition holds; false when it does not within half a minute.
-template <typename Condition>
-bool eventually(Condition condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::microseconds(100));
-  }
-  return true;
-}
 
 constexpr uint16_t kSource = 2; // of all requests
 

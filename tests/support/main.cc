@@ -12,15 +12,20 @@
 #include <filesystem>
 #include <string_view>
 
-std::set<int> open_descriptors() {
+std::set<int> open_descriptors(const std::string& process) {
+  const std::string folder = "/proc/" + process + "/fd/";
   std::set<int> found;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+  for (const auto& entry : std::filesystem::directory_iterator(folder))
     found.insert(std::stoi(entry.path().filename()));
-  }
   // The walk's own descriptor is closed again by now.
-  std::erase_if(found,
-                [](int fd) { return !std::filesystem::exists("/proc/self/fd/" + std::to_string(fd)); });
+  std::erase_if(found, [&](int fd) { return !std::filesystem::exists(folder + std::to_string(fd)); });
   return found;
+}
+
+int status_of(pid_t child) {
+  int status = -1;
+  EXPECT_EQ(child, waitpid(child, &status, 0));
+  return status;
 }
 
 void close_descriptors_not_in(const std::set<int>& kept) {
