@@ -104,6 +104,13 @@ int64_t start_program() {
   return result == 0 ? ended(pid) : result;
 }
 
+// Neither process 1, which may be our own, nor a group of processes.
+int64_t stop_low_pids() {
+  int64_t sum = 0;
+  for (const int32_t pid : {1, 0, -1, INT32_MIN}) sum += qn_proc_child_stop_exec("path", "name", pid);
+  return sum;
+}
+
 // Only the child's process goes on as a daemon; what it says comes through a pipe.
 int64_t daemonise() {
   int ends[2] = {-1, -1};
@@ -320,6 +327,14 @@ std::vector<Row> proc_net_rows() {
       {"child_stop", stop, "kill", ESRCH, {{7}}},
       {"start_exec", program, "fork", ENOMEM, {{-1, {592}}}},
       {"start_exec", program, "execv", ENOENT, {{255}}}, // it shows in the child's status only
+      {"stop_exec_low", on(stop_low_pids), "kill", EPERM, {}, kFailAlways}, // nobody is signalled
+      {"stop_exec_2",
+       on([] { return int64_t{qn_proc_child_stop_exec("path", "name", 2)}; }),
+       "kill",
+       EPERM,
+       {{0}},
+       kFail,
+       kUntried},
       {"daemon", daemon, "fork", EAGAIN, {{kUntouched}, {kUntouched}}},
       {"daemon", daemon, "open", ENXIO, {{0, {}, 0, "open(\"/dev/console\") failed. errno=(6,"}}},
       {"daemon", daemon, "dup2", EBUSY, {{0, {}, 0, "dup2(STDERR_FILENO) failed. errno=(16,"}}},

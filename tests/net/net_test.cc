@@ -117,14 +117,6 @@ void expect_answers(const std::string& file, int32_t (*question)(const char*), c
   }
 }
 
-int32_t count_tx_bytes(const char* intf_name) {
-  qn_intf_eth_metric_t metric = {1, 1, 1, 1, 1, 1};
-  QnIntfGetEthMetric(intf_name, &metric);
-  EXPECT_EQ(
-      0u, metric.rx_packets | metric.rx_errors | metric.tx_packets | metric.tx_errors | metric.rx_bytes);
-  return static_cast<int32_t>(metric.tx_bytes);
-}
-
 TEST(ToldInterfaces, AreUnderstoodTextByText) {
   in_told_sysfs([] {
     const StderrCapture capture;
@@ -143,9 +135,6 @@ TEST(ToldInterfaces, AreUnderstoodTextByText) {
     expect_answers("speed", QnIntfGetSpeed, speeds);
     const Answers ports = {{"0x1\n", 0}, {"0x0\n", -1}, {"a\n", 9}, {"port\n", -1}, {"", -1}};
     expect_answers("brport/port_no", QnIntfGetPortIndex, ports);
-    const Answers counts = {
-        {"42\n", 42}, {" 0042 packets\n", 42}, {"", 0}, {"18446744073709551616\n", -1}};
-    expect_answers("statistics/tx_bytes", count_tx_bytes, counts);
     EXPECT_EQ((std::vector<uint32_t>{532, 532, 531}), capture.logids());
     EXPECT_EQ("file=/sys/class/net/eth0/carrier state=000", capture.records(532).at(0).text);
   });

@@ -45,23 +45,17 @@ class Socket : public testing::Test {
     g_while_client_waits = nullptr;
   }
 
-  int server(const std::string& path) {
-    fd_ = -77;
-    result_ = qn_sock_create_unix_socket_server(path.c_str(), 4, &fd_);
-    return fd_;
+  int32_t server(const std::string& path) {
+    return qn_sock_create_unix_socket_server(path.c_str(), 4, &fd_);
   }
-
-  int client(const std::string& path) {
-    fd_ = -77;
-    result_ = qn_sock_connect_unix_socket_server(path.c_str(), &fd_);
-    return fd_;
+  int32_t client(const std::string& path) {
+    return qn_sock_connect_unix_socket_server(path.c_str(), &fd_);
   }
 
   const GateAt warnings_{QN_LOG_W};
   const std::filesystem::path before_ = std::filesystem::current_path();
   const TempDir dir_;
-  int32_t fd_;
-  int32_t result_;
+  int32_t fd_ = -77;
 };
 
 TEST_F(Socket, ServerAndClientReachEachOtherOffTheStandardStreams) {
@@ -70,10 +64,13 @@ TEST_F(Socket, ServerAndClientReachEachOtherOffTheStandardStreams) {
   close(STDIN_FILENO);
   qn_cycle_t cycle = {};
   qn_ev_base_t* const base = qn_ev_base_new(&cycle);
-  close(server(path)); // its file stays, and is replaced
+  ASSERT_EQ(0, server(path) + close(fd_)); // its file stays, and is replaced
   const GateAt all(QN_LOG_D, true);
   StderrCapture capture;
-  const int listener = server(path), near = client(path);
+  ASSERT_EQ(0, server(path));
+  const int listener = fd_;
+  ASSERT_EQ(0, client(path));
+  const int near = fd_;
   EXPECT_EQ("536, 539, 543 " + std::to_string(listener) + ", 544, 545, 550", capture.brief());
   capture.release();
   EXPECT_EQ(-1, fcntl(STDIN_FILENO, F_GETFD));
@@ -98,12 +95,12 @@ TEST_F(Socket, ReportsWhatFails) {
   } rows[] = {
       {-2, "537", [&] { return qn_sock_create_unix_socket_server(nullptr, 4, nullptr); }},
       {-2, "538", [&] { return qn_sock_create_unix_socket_server("path", 4, nullptr); }},
-      {-1, "541 2", [&] { return server("none/path"), result_; }},
-      {-1, "541 22", [&] { return server(""), result_; }},
-      {-1, "541 36", [&] { return server(too_long), result_; }},
+      {-1, "541 2", [&] { return server("none/path"); }},
+      {-1, "541 22", [&] { return server(""); }},
+      {-1, "541 36", [&] { return server(too_long); }},
       {-2, "546", [&] { return qn_sock_connect_unix_socket_server(nullptr, nullptr); }},
       {-2, "547", [&] { return qn_sock_connect_unix_socket_server("path", nullptr); }},
-      {-1, "", [&] { return client(too_long), result_; }},
+      {-1, "", [&] { return client(too_long); }},
   };
   for (const auto& row : rows) {
     StderrCapture capture;
@@ -115,7 +112,7 @@ TEST_F(Socket, ReportsWhatFails) {
 }
 
 TEST_F(Socket, ClientGivesAServerThatIsNotThereYetOneSecond) {
-  close(server("stale"));
+  ASSERT_EQ(0, server("stale") + close(fd_));
   int listener = -1;
   const std::vector<int64_t> none, second = {1000, 300};
   const struct {
@@ -125,7 +122,7 @@ TEST_F(Socket, ClientGivesAServerThatIsNotThereYetOneSecond) {
     const char* told; // of a client that does not get through
   } rows[] = {
       {"nobody", nullptr, second, "549 2"},
-      {"binds", [&] { listener = server("binds"); }, second, ""},
+      {"binds", [&] { listener = server("binds") == 0 ? fd_ : -1; }, second, ""},
       {"stale", nullptr, none, "549 111"},
       {"moved", [] { std::filesystem::rename("stale", "moved"); }, second,
        "549 2"}, // not the later reason
@@ -135,11 +132,10 @@ TEST_F(Socket, ClientGivesAServerThatIsNotThereYetOneSecond) {
     g_waits_ms.clear();
     g_while_client_waits = row.meanwhile;
     StderrCapture capture;
-    const int fd = client(row.path);
+    EXPECT_EQ(*row.told == '\0' ? 0 : -1, client(row.path));
     EXPECT_EQ(row.waits_ms, g_waits_ms);
     EXPECT_EQ(row.told, capture.brief());
-    EXPECT_EQ(*row.told == '\0' ? 0 : -1, result_);
-    if (fd >= 0) close(fd);
+    if (*row.told == '\0') close(fd_);
   }
   close(listener);
 }
