@@ -12,6 +12,7 @@
 #include <memory>
 #include <thread>
 
+#include "bus/fields.h"
 #include "fuzz/input.h"
 #include "standin/message.h"
 #include "support/temp_dir.h"
@@ -19,30 +20,11 @@
 namespace {
 
 constexpr int kRounds = 8;
-constexpr int kDepthMax = 8;
 
 uint64_t g_sum; // what was read, so that reading is not optimised away
 
-void read_fields(blob_attr* container, int depth) {
-  blob_attr* field;
-  size_t rem;
-  blobmsg_for_each_attr(field, container, rem) {
-    if (!blobmsg_check_attr(field, false)) continue;
-    g_sum += strlen(blobmsg_name(field)) + blobmsg_data_len(field);
-    const int type = blobmsg_type(field);
-    if (type == BLOBMSG_TYPE_INT8) g_sum += blobmsg_get_u8(field);
-    if (type == BLOBMSG_TYPE_INT16) g_sum += blobmsg_get_u16(field);
-    if (type == BLOBMSG_TYPE_INT32) g_sum += blobmsg_get_u32(field);
-    if (type == BLOBMSG_TYPE_INT64) g_sum += blobmsg_get_u64(field);
-    if (type == BLOBMSG_TYPE_DOUBLE) g_sum += blobmsg_get_double(field) > 0;
-    if (type == BLOBMSG_TYPE_STRING) g_sum += strlen(blobmsg_get_string(field));
-    const bool may_hold_others = type <= BLOBMSG_TYPE_TABLE;
-    if (may_hold_others && depth < kDepthMax) read_fields(field, depth + 1);
-  }
-}
-
 void read_data(blob_attr* data) {
-  read_fields(data, 0);
+  g_sum += describe_fields(data).size();
   const blobmsg_policy policy[] = {
       {"node", BLOBMSG_TYPE_STRING}, {"hops", BLOBMSG_TYPE_INT32}, {"tab", BLOBMSG_TYPE_UNSPEC}};
   blob_attr* fields[3];

@@ -26,6 +26,7 @@
 #include <string>
 #include <vector>
 
+#include "bus/fields.h"
 #include "support/main.h"
 #include "support/temp_dir.h"
 
@@ -34,32 +35,6 @@ namespace {
 constexpr int kDeadlineMs = 20000;
 
 // --- the client, in a child ---
-
-std::string describe(blob_attr* attr);
-
-std::string describe_fields(blob_attr* container) {
-  std::string text;
-  blob_attr* field;
-  size_t rem;
-  blobmsg_for_each_attr(field, container, rem) text += describe(field) + " ";
-  return text;
-}
-
-std::string describe(blob_attr* attr) {
-  if (!blobmsg_check_attr(attr, false)) return "malformed";
-  const std::string name = std::string(blobmsg_name(attr)) + "=";
-  const int type = blobmsg_type(attr);
-  if (type == BLOBMSG_TYPE_INT8) return name + std::to_string(blobmsg_get_u8(attr));
-  if (type == BLOBMSG_TYPE_INT16) return name + std::to_string(blobmsg_get_u16(attr));
-  if (type == BLOBMSG_TYPE_INT32)
-    return name + std::to_string(static_cast<int32_t>(blobmsg_get_u32(attr)));
-  if (type == BLOBMSG_TYPE_INT64) return name + std::to_string(blobmsg_get_u64(attr));
-  if (type == BLOBMSG_TYPE_DOUBLE) return name + std::to_string(blobmsg_get_double(attr));
-  if (type == BLOBMSG_TYPE_STRING) return name + "'" + blobmsg_get_string(attr) + "'";
-  if (type == BLOBMSG_TYPE_TABLE) return name + "{ " + describe_fields(attr) + "}";
-  if (type == BLOBMSG_TYPE_ARRAY) return name + "[ " + describe_fields(attr) + "]";
-  return name + "null";
-}
 
 void on_event(ubus_context*, ubus_event_handler*, const char* type, blob_attr* msg) {
   fprintf(stderr, "event %s: %s\n", type, describe_fields(msg).c_str());

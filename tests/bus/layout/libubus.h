@@ -1,28 +1,37 @@
-/* A context whose other fields are unknown and large, and an object likewise: the client may rely on the
-   fields that it names and on nothing else. Nor does a header from before 2020 say that it is C: the last
-   line does not compile where the client has not said so around it. */
-#include <libubox/uloop.h>
+/* What the client may rely on, and nothing else: these fields and functions, wherever the fields lie. Nor
+   does a header from before 2020 say that it is C: the last line does not compile where the client has not
+   said so around it. */
+#include <stdbool.h>
+#include <stdint.h>
+
+struct uloop_fd {
+  void (*cb)(struct uloop_fd*, unsigned int);
+  int fd;
+  bool registered;
+};
+struct uloop_timeout {
+  void (*cb)(struct uloop_timeout*);
+};
+enum { ULOOP_READ = 1, ULOOP_BLOCKING = 8 };
+extern bool uloop_cancelled, uloop_handle_sigchld;
+int uloop_init(void);
+int uloop_fd_add(struct uloop_fd* sock, unsigned int flags);
+int uloop_fd_delete(struct uloop_fd* sock);
+int uloop_timeout_set(struct uloop_timeout* timeout, int msecs);
+int uloop_timeout_cancel(struct uloop_timeout* timeout);
+int uloop_run_timeout(int timeout);
+void uloop_done(void);
 
 struct blob_attr;
 struct ubus_context {
-  char unknown_before[96];
   struct uloop_fd sock;
-  struct uloop_timeout unknown_timer;
   uint32_t local_id;
-  uint16_t unknown_word;
   void (*connection_lost)(struct ubus_context* ctx);
-  char unknown_behind[512];
-};
-struct ubus_object {
-  char unknown_before[40];
-  uint32_t id;
-  char unknown_behind[80];
 };
 struct ubus_event_handler;
 typedef void (*ubus_event_handler_t)(struct ubus_context*, struct ubus_event_handler*, const char*,
                                      struct blob_attr*);
 struct ubus_event_handler {
-  struct ubus_object obj;
   ubus_event_handler_t cb;
 };
 struct ubus_context* ubus_connect(const char* path);
