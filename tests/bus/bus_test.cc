@@ -45,27 +45,22 @@ int32_t on_connected(ubus_context* ctx) {
   return 0;
 }
 
-// A child that runs the client until it is ended, and what it prints.
-class Client {
+// A child that runs until it is ended, and what it prints.
+class Child {
  public:
-  Client(
-      const std::string& path, const char* pattern, void (*prepare)() = [] {}) {
+  Child(int stream, const std::function<void()>& body) {
     int ends[2];
     EXPECT_EQ(0, pipe2(ends, O_CLOEXEC));
     child_ = fork();
     if (child_ == 0) {
-      dup2(ends[1], STDERR_FILENO);
-      qn_ubus_init();
-      qn_ubus_add_handler(1, on_connected);
-      if (pattern != nullptr) qn_ubus_add_event_handler(pattern, on_event);
-      prepare();
-      qn_ubus_start(path.c_str());
+      dup2(ends[1], stream);
+      body();
       for (;;) pause();
     }
     close(ends[1]);
     output_ = ends[0];
   }
-  ~Client() {
+  ~Child() {
     kill(child_, SIGKILL);
     waitpid(child_, nullptr, 0);
     close(output_);
@@ -98,6 +93,18 @@ class Client {
   int output_ = -1;
   std::string text_;
   size_t seen_ = 0;
+};
+
+struct Client : Child {
+  Client(
+      const std::string& path, const char* pattern, void (*prepare)() = [] {})
+      : Child(STDERR_FILENO, [&] {
+          qn_ubus_init();
+          qn_ubus_add_handler(1, on_connected);
+          if (pattern != nullptr) qn_ubus_add_event_handler(pattern, on_event);
+          prepare();
+          qn_ubus_start(path.c_str());
+        }) {}
 };
 
 // --- recorded exchanges ---
@@ -222,29 +229,11 @@ TEST(BusReplay, EndsWhenItMayNotListen) {
 
 // --- a broker of our own, with faults ---
 
-class Broker {
- public:
-  Broker(const std::string& path, const char* fault) {
-    int ends[2];
-    EXPECT_EQ(0, pipe2(ends, O_CLOEXEC));
-    child_ = fork();
-    if (child_ == 0) {
-      dup2(ends[1], STDOUT_FILENO);
-      execl(TEST_BROKER, TEST_BROKER, path.c_str(), fault, nullptr);
-      _exit(1);
-    }
-    close(ends[1]);
-    char word[8];
-    EXPECT_LT(0, read(ends[0], word, sizeof(word))) << "the broker serves";
-    close(ends[0]);
+struct Broker : Child {
+  Broker(const std::string& path, const char* fault)
+      : Child(STDOUT_FILENO, [&] { execl(TEST_BROKER, TEST_BROKER, path.c_str(), fault, nullptr); }) {
+    EXPECT_TRUE(waits_for("\n")) << "the broker serves";
   }
-  ~Broker() {
-    kill(child_, SIGKILL);
-    waitpid(child_, nullptr, 0);
-  }
-
- private:
-  pid_t child_ = -1;
 };
 
 void send_event(const std::string& path, const char* value) {

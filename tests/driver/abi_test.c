@@ -67,14 +67,10 @@ static void test_memory(void) {
   char* block = memset(qn_alloc(300), 7, 300);
   block = qn_realloc(block, 600, 300);
   check(block[299] == 7 && is_zero(block + 300, 300), "a longer block keeps what it held, then zeros");
-  check(qn_realloc(block, 0, 600) == NULL, "a block of no size is no block");
+  qn_free(block);
   void* aligned = qn_memalign(64, 10);
   check((uintptr_t)aligned % 64 == 0 && is_zero(aligned, 10), "an aligned block lies where it should");
   qn_free(aligned);
-  char* copy = qn_strdup("quill and more", 5);
-  check(strcmp(copy, "quill") == 0, "a copied text ends where it was cut");
-  qn_free(copy);
-
   qn_pool_t* pool = qn_pool_create(4096);
   char *first = qn_palloc(pool, 3), *next = qn_palloc(pool, 4), *large = qn_pcalloc(pool, 10000);
   check((uintptr_t)first % 4 == 0 && next == first + 4, "small blocks of a pool follow each other");

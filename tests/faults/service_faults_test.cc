@@ -173,7 +173,7 @@ std::vector<Row> service_rows() {
       {"dispatch", dispatch, "write", EAGAIN, {{-1, {562, 562, 562, 562}}}, kFailAlways},
       {"dispatch", dispatch, "write", EINTR, {{0, {562}}}},
       {"dispatch", dispatch, "write", EPIPE, {{-1, {562, 563}}}},
-      {"dispatch", dispatch, "write", EIO, {{-1, {562, 564}}}},
+      {"dispatch", dispatch, "write", ECONNRESET, {{-1, {562, 564}}}},
       {"dispatch", dispatch, "write", 0, {{0}}, kShort},
       {"dispatch", dispatch, "write", 0, {{-1, {565}}}, kNothing},
 

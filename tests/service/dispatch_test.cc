@@ -59,13 +59,6 @@ TEST_F(Dispatch, ReportsAPeerThatHangsUpBeforeItsAnswer) {
   EXPECT_EQ("562 " + fd_ + " 32, 563", capture.brief());
 }
 
-TEST_F(Dispatch, ReportsAPeerThatHangsUpWithAnAnswerUnread) {
-  EXPECT_EQ(0, connection_.serve(request(kEcho, 1)));
-  StderrCapture capture;
-  EXPECT_EQ(-1, connection_.serve(request(kHangUp, 2)));
-  EXPECT_EQ("562 " + fd_ + " 104, 564 1 104", capture.brief());
-}
-
 TEST_F(Dispatch, LosesTheAnswerThatAPeerLeavesNoRoomFor) {
   const std::string tried = "562 " + fd_ + " 11";
   while (write(connection_.ends[0], "x", 1) == 1) continue;
