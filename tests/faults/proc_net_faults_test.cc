@@ -22,6 +22,7 @@
 #include "faults/table.h"
 #include "log/permission.h"
 #include "platform/guards.h"
+#include "support/main.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -119,7 +120,8 @@ int64_t daemonise() {
   const pid_t starter = fork();
   spare(false);
   if (starter == 0) {
-    const char answer = qn_daemon() == 0 ? 'y' : 'n';
+    const std::set<int> before = open_descriptors();
+    const char answer = qn_daemon() == 0 && open_descriptors() == before ? 'y' : 'n';
     _exit(write(ends[1], &answer, 1) == 1 ? 0 : 1);
   }
   close(ends[1]);

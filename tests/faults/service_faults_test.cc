@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <quillcore/service.h>
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <cerrno>
 

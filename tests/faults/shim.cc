@@ -20,6 +20,8 @@
 #include <new>
 #include <vector>
 
+#include "platform/standard_streams.h"
+
 namespace {
 
 // Lies in memory that a child shares, so that its parent learns of calls made there.
@@ -192,7 +194,11 @@ WRAP(int, execv, (const char* path, char* const arguments[])) {
   if (getpid() == g_self) abort();
   return hit("execv") ? -1 : __real_execv(path, arguments);
 }
-WRAP_PLAIN("popen", nullptr, FILE*, popen, (const char* command, const char* mode), (command, mode))
+// Under the streams' lock, so that no other thread's child gets the ends of its pipe.
+WRAP(FILE*, popen, (const char* command, const char* mode)) {
+  if (pthread_mutex_trylock(&qn::g_standard_streams_lock) == 0) abort();
+  return hit("popen") ? nullptr : __real_popen(command, mode);
+}
 
 WRAP_PLAIN("kill", -1, int, kill, (pid_t pid, int number), (pid, number))
 WRAP_PLAIN("unlink", -1, int, unlink, (const char* path), (path))

@@ -67,7 +67,6 @@ TEST_F(RollingFile, MakesItsDirectoryAndMovesItselfAside) {
     EXPECT_EQ(0, file_->st.st_size);
     EXPECT_EQ(0u, file_->written);
   }
-  EXPECT_EQ(0u, capture_.records(456).size()) << "a rename has failed";
   write_file(dir_ + "/live", "written elsewhere");
   qn_file_sync(file_);
   EXPECT_EQ(17, file_->st.st_size);

@@ -101,7 +101,7 @@ TEST(Interfaces, TellNullPointersOnStandardOutput) {
       {"QnIntfIsVEthDev(455)", [] { QnIntfIsVEthDev(nullptr); }},
       {"QnIntfIsBridgeDev(494)", [] { QnIntfIsBridgeDev(nullptr); }},
       {"QnIntfIsUp(637)", [] { QnIntfIsUp(nullptr); }},
-      {"QnIntfAddIfToBridge(531)", [] { QnIntfAddIfToBridge(nullptr, "lo"); }},
+      {"QnIntfAddIfToBridge(531)", [] { EXPECT_EQ(-1, QnIntfAddIfToBridge(nullptr, "lo")); }},
   };
   for (const auto& [line, call] : rows)
     EXPECT_EQ(std::string(line) + "] NULLPTR Error !!!\r\n", printed(call));

@@ -14,12 +14,15 @@
 #include <filesystem>
 #include <fstream>
 
+#include "support/main.h"
+
 // Of LeakSanitizer, where it is linked.
 extern "C" int __lsan_do_recoverable_leak_check() __attribute__((weak));
 
 namespace {
 
-constexpr int kSkipped = 77;
+// Exit statuses of the child. One that another program or an exit() leaves is none of them.
+constexpr int kHeld = 76, kFailed = 1, kSkipped = 77;
 
 bool map_user(uid_t uid, gid_t gid) {
   std::ofstream("/proc/self/setgroups") << "deny";
@@ -70,8 +73,8 @@ int run(const std::function<void()>& body) {
   }
   setenv("TMPDIR", "/tmp", 1); // the folder that it names may be hidden now
   body();
-  if (testing::Test::HasFailure() || leaks_memory()) return 1;
-  return testing::Test::IsSkipped() ? kSkipped : 0;
+  if (testing::Test::HasFailure() || leaks_memory()) return kFailed;
+  return testing::Test::IsSkipped() ? kSkipped : kHeld;
 }
 
 } // namespace
@@ -85,8 +88,7 @@ void in_own_namespace(const std::function<void()>& body) {
     fflush(nullptr);
     _exit(status);
   }
-  int status = 0;
-  ASSERT_EQ(child, waitpid(child, &status, 0));
+  const int status = status_of(child);
   if (WIFEXITED(status) && WEXITSTATUS(status) == kSkipped) GTEST_SKIP() << "for the reason above";
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status of the child " << status;
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == kHeld) << "status of the child " << status;
 }
