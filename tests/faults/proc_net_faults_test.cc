@@ -111,6 +111,7 @@ int64_t stop_low_pids() {
   for (const int32_t pid : {1, 0, -1, INT32_MIN}) sum += qn_proc_child_stop_exec("path", "name", pid);
   return sum;
 }
+int64_t stop_pid_2() { return qn_proc_child_stop_exec("path", "name", 2); }
 
 // Only the child's process goes on as a daemon; what it says comes through a pipe.
 int64_t daemonise() {
@@ -335,13 +336,7 @@ std::vector<Row> proc_net_rows() {
       {"start_exec", program, "fork", ENOMEM, {{-1, {592}}}},
       {"start_exec", program, "execv", ENOENT, {{255}}}, // it shows in the child's status only
       {"stop_exec_low", on(stop_low_pids), "kill", EPERM, {}, kFailAlways}, // nobody is signalled
-      {"stop_exec_2",
-       on([] { return int64_t{qn_proc_child_stop_exec("path", "name", 2)}; }),
-       "kill",
-       EPERM,
-       {{0}},
-       kFail,
-       kUntried},
+      {"stop_exec_2", on(stop_pid_2), "kill", EPERM, {{0}}, kFail, kUntried},
       {"daemon", daemon, "fork", EAGAIN, {{kUntouched}, {kUntouched}}},
       {"daemon", daemon, "open", ENXIO, {{0, {}, 0, "open(\"/dev/console\") failed. errno=(6,"}}},
       {"daemon", daemon, "dup2", EBUSY, {{0, {}, 0, "dup2(STDERR_FILENO) failed. errno=(16,"}}},

@@ -1,10 +1,8 @@
-// Log files: where records go, rotation, other processes, threads and forks beside them, failing file
-// systems.
+// Log files: where records go, rotation, other processes, threads and forks beside them.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <quillcore/log.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -199,32 +197,6 @@ TEST(LocalWriter, RotatesAtTheLimitOfEachRole) {
       EXPECT_EQ("", read_file(live));
       EXPECT_TRUE(exists(front + "_1.log.txt")) << "a backup survives a start";
     }
-  });
-}
-
-TEST(LocalWriter, GoesOnWhenAFileFails) {
-  in_own_namespace([] {
-    const StderrCapture capture;
-    mkdir("/tmp/quillnet", 0755), mkdir(kDir.c_str(), 0755);
-    ASSERT_EQ(0, mount("tmpfs", kDir.c_str(), "tmpfs", 0, "size=16k"));
-    qn_log_t* const log = qn_log_local_new(0, 2, 0);
-    for (int i = 0; i < 10; i++) write_bytes(log, QN_LOG_I, 4096); // a full disk is nobody's failure
-    ASSERT_EQ(0, truncate((kDir + "hubd_0.log.txt").c_str(), 0));
-
-    auto& writer = *reinterpret_cast<qn_log_local_writer_t*>(log->local_writer);
-    writer.file->st.st_size = 1572864; // due to rotate
-    writer.file->flags = O_RDWR;       // and not able to start afresh
-    write_bytes(log, QN_LOG_E, 1);
-    EXPECT_EQ(-1, writer.file->fd);
-    write_bytes(log, QN_LOG_I, 1); // lost, which is no failure of a rotation
-    writer.file->st.st_size = 0;
-    EXPECT_EQ(QN_FILE_CLOSED, log->local_writer->write(log, QN_LOG_I, "x", 1));
-    EXPECT_EQ("x", read_file(kDir + "hubd_error_0.log.txt")) << "the other file goes on";
-    writer.file->flags = kFlags;
-    writer.file->st.st_size = 1572864;
-    write_bytes(log, QN_LOG_I, 2);
-    EXPECT_EQ("xx", read_file(kDir + "hubd_0.log.txt")) << "a later rotation repairs it";
-    qn_log_free(log);
   });
 }
 

@@ -229,10 +229,6 @@ TEST(Bridges, TakePortsAndNameThem) {
           << "also a port already, of this or another bridge";
     EXPECT_EQ(1u, QnIntfIsOnBridge("br0", "left0"));
     EXPECT_EQ(0u, QnIntfIsOnBridge("br0", "right0") | QnIntfIsOnBridge("br1", "left0"));
-    EXPECT_EQ(0, QnIntfGetPortIndex("left0"));
-    char name[16];
-    EXPECT_EQ(0, QnIntfGetNameByPortNo("br0", 1, name, sizeof(name)));
-    EXPECT_STREQ("left0", name);
     EXPECT_EQ("QnIntfNameToIndex(329)] NULLPTR Error !!!\r\nInterface - is not exist.\n",
               printed([] { EXPECT_EQ(-1, QnIntfAddIfToBridge("br0", nullptr)); }));
     EXPECT_EQ("Interface absent is not exist.\n",

@@ -107,18 +107,6 @@ TEST_F(Lifecycle, StopTakesEffectBehindOneMoreEvent) {
   }
 }
 
-TEST_F(Lifecycle, StopLeavesTheRestOfABatchUnserved) {
-  start();
-  const auto second = connect();
-  expect_served(*second);
-  hold_service();
-  second->send(request(kEcho, 2));
-  stop();
-  let_go();
-  EXPECT_TRUE(services_.ended());
-  EXPECT_EQ("(nothing)", second->received());
-}
-
 TEST_F(Lifecycle, StopMayComeAtAnyMomentOfALife) {
   const std::jthread stopper([this](const std::stop_token& done) {
     while (!done.stop_requested()) stop();
