@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <regex>
 #include <string>
 
 #include "kvs/open_store.h"
@@ -21,7 +20,10 @@ TEST(StoreRecords, TellTheWayThroughEachOperation) {
   // The records as their logids, each with the numbers in its text.
   const auto expect = [&](int32_t result, const std::string& told, int32_t seen) {
     EXPECT_EQ(result, seen) << told;
-    EXPECT_EQ(told, std::regex_replace(capture.brief(), std::regex("607, .*?, 610"), "dump"));
+    std::string brief = capture.brief();
+    const size_t dump = brief.find("607, ");
+    if (dump != std::string::npos) brief.replace(dump, brief.find(", 610") + 5 - dump, "dump");
+    EXPECT_EQ(told, brief);
     capture.clear();
   };
   {
