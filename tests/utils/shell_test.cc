@@ -3,6 +3,7 @@
 #include <quillcore/utility.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <string>
 
 #include "support/capture.h"
@@ -19,7 +20,9 @@ TEST(Exec, RunsAFormattedCommandOfUpTo511Bytes) {
     EXPECT_EQ(size == 511 ? 0 : -1, qn_os_exec_vcmd("%s%s", command.c_str(), rest.c_str()));
     EXPECT_EQ(size == 511, unlink(path.c_str()) == 0);
   }
+  const auto before = signal(SIGHUP, SIG_DFL); // nohup would leave it ignored
   EXPECT_EQ(-1, qn_os_exec_vcmd("kill -%d $$", 1));
+  signal(SIGHUP, before);
   EXPECT_EQ(0, qn_os_exec_cmd("exit 3")) << "only a signal counts as failure";
   EXPECT_EQ((std::vector<uint32_t>{612, 615, 613, 612, 614, 615, 612}), capture.logids());
   EXPECT_EQ(0, qn_os_exec_vcmd("%s", ""));
