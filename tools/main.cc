@@ -97,7 +97,7 @@ int run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   int fd; // a stream that came closed is filled, or what is opened later becomes one
-  while ((fd = open("/dev/null", O_RDWR)) >= 0 && fd <= STDERR_FILENO) continue;
+  while ((fd = open("/dev/null", O_RDWR | O_CLOEXEC)) >= 0 && fd <= STDERR_FILENO) continue;
   if (fd >= 0) close(fd);
   const int status = run(argc, argv);
   if (fflush(stdout) == 0 && ferror(stdout) == 0) return status;

@@ -24,7 +24,8 @@ void fill_standard_streams() {
   if (StandardStreamsHeld::are_streams(STDIN_FILENO)) return;
   const MutexGuard guard(g_standard_streams_lock);
   for (int number = STDIN_FILENO; number <= STDERR_FILENO;) {
-    number = open("/dev/null", O_RDWR); // the lowest free one
+    // The lowest free one; a stream is inherited.
+    number = open("/dev/null", O_RDWR); // NOLINT(android-cloexec-open)
     if (number < 0) return;
     if (number > STDERR_FILENO) close(number);
   }
