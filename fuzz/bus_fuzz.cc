@@ -4,7 +4,6 @@
 // Behind a first byte with bit 0 the input is the body of a message, else it is what the broker sends.
 #include <libubus.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,7 +11,7 @@
 #include <memory>
 #include <thread>
 
-#include "bus/fields.h"
+#include "bus/shared.h"
 #include "fuzz/input.h"
 #include "standin/message.h"
 #include "support/temp_dir.h"
@@ -44,16 +43,6 @@ void read_body(const uint8_t* data, size_t size) {
 void on_event(ubus_context*, ubus_event_handler*, const char* type, blob_attr* msg) {
   g_sum += strlen(type);
   read_data(msg);
-}
-
-int listen_at(const std::string& path) {
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  require(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0, "bind");
-  require(listen(fd, 4) == 0, "listen");
-  return fd;
 }
 
 // Says all of the input at once and closes, so that no wait of the client is a long one.

@@ -166,12 +166,9 @@ class Tester {
     for (unsigned i = 0; i < ctl::kStoreKeys; i++) {
       const ctl::StoreKey key = ctl::store_key(*image_, i);
       if (!key.busy || ctl::find_key(*image_, key.text, key.text_length) != static_cast<int>(i)) continue;
-      const std::string value(reinterpret_cast<const char*>(key.value),
-                              key.is_given() ? key.value_length : 0);
-      const Reading told{key.is_given()          ? Reading::kValue
-                         : key.value_length == 0 ? Reading::kEmpty
-                                                 : Reading::kNothing,
-                         value};
+      Reading told{key.value_length == 0 ? Reading::kEmpty : Reading::kNothing, ""};
+      if (key.is_given())
+        told = {Reading::kValue, {reinterpret_cast<const char*>(key.value), key.value_length}};
       require(store_->get(std::string(key.text, key.text_length)) == told,
               "the tool tells what a get gives");
     }

@@ -232,6 +232,7 @@ std::vector<Row> base_rows() {
   const Make thread = on(start_thread), reading = on(safe_read), options = on(set_options);
   const Make server = on(serve), client = on(connect_to, {-1, {549}, ENOENT});
   const Outcome no_block = {3, {524}}, no_aligned = {3, {526}}, full = {3, {526, 414}};
+  const Outcome all_full = {0, {526, 414, 526, 414, 526, 414, 526, 414}};
   const Outcome no_config = {0, {524, 0}};
   return {
       {"heap", heap, "malloc", ENOMEM, {no_block, no_block, no_block}},
@@ -239,12 +240,7 @@ std::vector<Row> base_rows() {
       {"pool", pool, "memalign", ENOMEM, {{-1}}},
       {"pool", pool, "malloc", ENOMEM, {no_block}},
       {"pool", pool, "posix_memalign", ENOMEM, {full}},
-      {"pool",
-       pool,
-       "posix_memalign",
-       ENOMEM,
-       {{0, {526, 414, 526, 414, 526, 414, 526, 414}}},
-       kFailAlways},
+      {"pool", pool, "posix_memalign", ENOMEM, {all_full}, kFailAlways},
       {"cycle", cycle, "memalign", ENOMEM, {{0, {519}}}},
       {"error_msg", on(error_msg), "malloc", ENOMEM, {{-4, {524}}}},
 

@@ -196,16 +196,6 @@ int64_t port_name() {
   return result;
 }
 
-template <auto question>
-int64_t ask_about_pair() {
-  return question("left0");
-}
-
-template <auto question>
-int64_t ask_about_port() {
-  return question("port0");
-}
-
 // --- the log ---
 
 const std::string kLive = "/tmp/quillnet/log/relay_0.log.txt";
@@ -309,14 +299,16 @@ std::vector<Row> proc_net_rows() {
   const Make key = on(random_key, {4}), mac = on(hardware_address);
   const Make pair = on(make_pair, {2});
   const Make join = on([]() -> int64_t { return QnIntfAddIfToBridge("right0", "left0"); }, {-1});
-  const Make exists = on(ask_about_pair<QnIntfIsExist>, {1}), up = on(ask_about_pair<QnIntfIsUp>, {1});
+  const Make exists = on([]() -> int64_t { return QnIntfIsExist("left0"); }, {1});
+  const Make up = on([]() -> int64_t { return QnIntfIsUp("left0"); }, {1});
   const Make index = on([]() -> int64_t { return QnIntfNameToIndex("left0") > 0; }, {1});
-  const Make veth = on(ask_about_pair<QnIntfIsVEthDev>, {1});
-  const Make power = on(ask_about_port<QnIntfGetPowerState>, {QN_INTF_POWER_ON});
-  const Make state = on(ask_about_port<QnIntfGetOperState>, {QN_INTF_OPER_DORMANT});
-  const Make speed = on(ask_about_port<QnIntfGetSpeed>, {1000}), counters = on(read_counters, {63});
-  const Make port = on(ask_about_port<QnIntfGetPortIndex>, {9}), name = on(port_name);
-  const Make check = on(ask_about_port<qn_cheack_intf_is_exist>, {1});
+  const Make veth = on([]() -> int64_t { return QnIntfIsVEthDev("left0"); }, {1});
+  const Make power = on([]() -> int64_t { return QnIntfGetPowerState("port0"); }, {QN_INTF_POWER_ON});
+  const Make state = on([]() -> int64_t { return QnIntfGetOperState("port0"); }, {QN_INTF_OPER_DORMANT});
+  const Make speed = on([]() -> int64_t { return QnIntfGetSpeed("port0"); }, {1000});
+  const Make port = on([]() -> int64_t { return QnIntfGetPortIndex("port0"); }, {9});
+  const Make counters = on(read_counters, {63}), name = on(port_name);
+  const Make check = on([]() -> int64_t { return qn_cheack_intf_is_exist("port0"); }, {1});
   const Make on_bridge = on([]() -> int64_t { return QnIntfIsOnBridge("bridge0", "port0"); }, {1});
   const Make bridge = on([]() -> int64_t { return QnBridgeIsExist("bridge0"); }, {1});
   const Make number = on(random_number, {0x74786973}); // "sixt"

@@ -76,7 +76,6 @@ TEST(StoreOpen, RefusesWhatIsNoStoreAndLeavesItAlone) {
       {file, std::string(good).replace(24, 1, "\x02"), 465},
       {dir.path(), good, 488},
       {file + "/below", good, 459},
-      {dir.file(std::string(256, 'n')), good, 459},
       {path638 + "s", good, 459},
   };
   const PoolPtr pool(qn_pool_create_default());

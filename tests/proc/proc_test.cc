@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <quillcore/process.h>
-#include <quillcore/utility.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>

@@ -45,13 +45,13 @@ std::vector<Record> StderrCapture::records() const {
   std::vector<Record> found;
   std::istringstream lines(text());
   for (std::string line; std::getline(lines, line);) {
-    char stamp[32], level[8], module[64], biz_name[64];
+    char level[8], module[64], biz_name[64];
     uint32_t logid = 0;
     int start = 0;
-    sscanf(line.c_str(), "%31[0-9: -][%u] [%7[^]]] [%63[^]]] [%63[^]]]%n", stamp, &logid, level, module,
+    sscanf(line.c_str(), "%*31[0-9: -][%u] [%7[^]]] [%63[^]]] [%63[^]]]%n", &logid, level, module,
            biz_name, &start);
     if (start == 0 || line[start] != ' ') continue;
-    found.push_back({stamp, logid, level, module, biz_name, line.substr(start + 1)});
+    found.push_back({logid, level, module, biz_name, line.substr(start + 1)});
   }
   return found;
 }

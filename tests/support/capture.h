@@ -8,14 +8,11 @@
 #include <vector>
 
 struct Record {
-  std::string stamp;
   uint32_t logid = 0;
   std::string level;
   std::string module;
   std::string biz_name;
   std::string text;
-
-  bool operator==(const Record&) const = default;
 };
 
 std::ostream& operator<<(std::ostream& out, const Record& record);

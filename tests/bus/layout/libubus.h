@@ -1,6 +1,6 @@
 /* What the client may rely on, and nothing else: these fields and functions, wherever the fields lie. Nor
-   does a header from before 2020 say that it is C: the last line does not compile where the client has not
-   said so around it. */
+   does a header from before 2020 say that it is C: the last line does not compile where the client has
+   not said so around it. */
 #include <stdbool.h>
 #include <stdint.h>
 

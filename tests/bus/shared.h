@@ -1,9 +1,12 @@
-// The fields of a message as a text.
-#ifndef TESTS_BUS_FIELDS_H
-#define TESTS_BUS_FIELDS_H
+// What tests and fuzz target of the bus share: the fields of a message as a text, a broker's socket.
+#ifndef TESTS_BUS_SHARED_H
+#define TESTS_BUS_SHARED_H
 
 #include <libubus.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
+#include <cstdlib>
 #include <string>
 
 inline std::string describe_fields(blob_attr* container, int depth_left = 8);
@@ -34,4 +37,14 @@ inline std::string describe_fields(blob_attr* container, int depth_left) {
   return text;
 }
 
-#endif // TESTS_BUS_FIELDS_H
+inline int listen_at(const std::string& path) {
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 || listen(fd, 4) != 0)
+    abort();
+  return fd;
+}
+
+#endif // TESTS_BUS_SHARED_H
