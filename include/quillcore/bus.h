@@ -68,7 +68,7 @@ QN_API int32_t qn_ubus_add_event_handler(const char* event_name, qn_ubus_event_h
 // Starts the bus thread, with a stack of the platform's default size, once in a process. `path` names the
 // bus socket and must stay valid until the thread has copied it: a literal or static buffer does.
 // The descriptors of libubox and libubus can take numbers 0 to 2 where these are closed, and what is
-// printed would go to the broker: the thread first puts /dev/null there, for good.
+// printed would go to the broker: so /dev/null is put there first, for good.
 // Returns 0 when the thread was created, which says nothing about the connection; -1 for a null path
 // (629) and when it was not created (631). A path longer than QN_UBUS_PATH_MAX shows in the log only
 // (620).

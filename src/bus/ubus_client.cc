@@ -292,7 +292,6 @@ void* qn_ubus_loop(void* arg) {
   // The loop would take the status of children that other threads wait for.
   uloop_handle_sigchld = false;
   uloop_cancelled = false; // an earlier loop of the process may have left it set
-  qn::fill_standard_streams();
   uloop_init();
   const bool connected = connect_bus(static_cast<const char*>(arg)); // which may make the loop, too
   signals.note_on_the_way();
@@ -347,6 +346,7 @@ int32_t qn_ubus_add_event_handler(const char* event_name, qn_ubus_event_handler_
 int32_t qn_ubus_start(const char* path) {
   if (path == nullptr) return QN_FAIL(-1, kNoPath);
   qn::trace_enter(kTraceStart);
+  qn::fill_standard_streams();
   pthread_t thread;
   if (pthread_create(&thread, nullptr, qn_ubus_loop, const_cast<char*>(path)) != 0)
     return QN_FAIL(-1, kThreadFailed);
