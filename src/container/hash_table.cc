@@ -27,7 +27,8 @@ constexpr uint32_t kPrimeCount = sizeof(kPrimes) / sizeof(kPrimes[0]);
 struct Inverses {
   uint32_t of[kPrimeCount] = {};
   constexpr Inverses() {
-    for (uint32_t row = 0; row < kPrimeCount; row++) of[row] = qn::inverse_of(kPrimes[row]);
+    for (uint32_t row = 0; row < kPrimeCount; row++)
+      of[row] = qn::inverse_of(static_cast<uint32_t>(kPrimes[row]));
   }
 };
 constexpr Inverses kInverses;
