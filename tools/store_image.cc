@@ -179,7 +179,7 @@ StoreKey store_key(const StoreImage& image, unsigned key_index) {
   key.value_class = class_of_key(key_index);
   const StoreClass& row = kStoreClass[key.value_class];
   key.slot_offset = row.first_slot + row.slot_size * (key_index - row.first_key);
-  key.value_length = image.bytes[key.slot_offset] | image.bytes[key.slot_offset + 1] << 8;
+  key.value_length = image.bytes[key.slot_offset] | uint32_t{image.bytes[key.slot_offset + 1]} << 8;
   key.value = image.bytes + key.slot_offset + 2;
   return key;
 }
